@@ -1,0 +1,231 @@
+// Debug-command service end to end over its socket under a private L3VPN_ROOT.
+#include <arpa/inet.h>
+#include <event2/event.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "platform/runtime/tq_global.h"
+#include "platform/ssat/ssat.h"
+
+namespace {
+
+constexpr const char *kMod = "ssat-test";
+constexpr const char *kProbeFmt = "num:%d addr:%a addr6:%v ";
+const std::string kUsage = std::string("usage: probe ") + kProbeFmt + "\n";
+
+int g_calls;
+ssat_args_t g_args;
+
+int probe_cmd(const ssat_args_t *a) {
+    ++g_calls;
+    g_args = *a;
+    char v4[INET_ADDRSTRLEN], v6[INET6_ADDRSTRLEN];
+    inet_ntop(AF_INET, &a->argv[1].v4, v4, sizeof v4);
+    inet_ntop(AF_INET6, a->argv[2].v6, v6, sizeof v6);
+    printf("num=%lld v4=%s v6=%s\n", static_cast<long long>(a->argv[0].i), v4, v6);
+    return 0;
+}
+
+int void_cmd(const ssat_args_t *a) {
+    ++g_calls;
+    printf("void argc=%d\n", a->argc);
+    return 7;
+}
+
+// Far more than a socket or pipe buffer holds.
+int big_cmd(const ssat_args_t *a) {
+    for (int64_t i = 0; i < a->argv[0].i; ++i) printf("line %08lld of the big output\n", static_cast<long long>(i));
+    return 0;
+}
+
+class SsatSock : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/ssat-test-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        root_ = tmpl;
+        setenv("L3VPN_ROOT", root_.c_str(), 1);
+        base_ = event_base_new();
+        ctx_ = tq_global_t{nullptr, base_, {}};
+        g_calls = 0;
+        ASSERT_EQ(ssat_reg_mod_cmd(kMod, "probe", 0, kProbeFmt, probe_cmd), 0);
+        ASSERT_EQ(ssat_reg_mod_cmd(kMod, "get-in-adj-id", 0, "void (current id)", void_cmd), 0);
+        ASSERT_EQ(ssat_lib_init(&ctx_, kMod), 0);
+        // registering after the socket is open works too
+        ASSERT_EQ(ssat_reg_mod_cmd(kMod, "big", 0, "lines:%d", big_cmd), 0);
+    }
+    void TearDown() override {
+        ssat_lib_reset();
+        event_base_free(base_);
+        std::filesystem::remove_all(root_);
+        unsetenv("L3VPN_ROOT");
+    }
+    // Runs job in a thread while this thread turns the event loop.
+    void with_loop(const std::function<void()> &job) {
+        std::atomic<bool> done{false};
+        std::thread t([&] {
+            job();
+            done = true;
+        });
+        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!done && std::chrono::steady_clock::now() < end) {
+            event_base_loop(base_, EVLOOP_NONBLOCK);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        t.join();
+    }
+    std::string request(const std::string &line, int *rc_out = nullptr) {
+        std::string out;
+        int rc = 1;
+        with_loop([&] { rc = ssat_client_request(kMod, line, out, 10000); });
+        EXPECT_EQ(rc, 0) << line;
+        if (rc_out != nullptr) *rc_out = rc;
+        return out;
+    }
+    std::string root_;
+    event_base *base_ = nullptr;
+    tq_global_t ctx_{};
+};
+
+TEST_F(SsatSock, ArgumentsReachHandlerAndOutputReachesClient) {
+    EXPECT_EQ(request("probe num:-42 addr:10.1.2.3 addr6:2001:db8::1"),
+              "num=-42 v4=10.1.2.3 v6=2001:db8::1\n");
+    ASSERT_EQ(g_calls, 1);
+    ASSERT_EQ(g_args.argc, 3);
+    EXPECT_EQ(g_args.argv[0].type, SSAT_ARG_INT);
+    EXPECT_EQ(g_args.argv[0].i, -42);
+    EXPECT_EQ(g_args.argv[1].type, SSAT_ARG_V4);
+    const uint8_t v4[4] = {10, 1, 2, 3};
+    EXPECT_EQ(memcmp(&g_args.argv[1].v4, v4, 4), 0);
+    EXPECT_EQ(g_args.argv[2].type, SSAT_ARG_V6);
+    const uint8_t v6[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    EXPECT_EQ(memcmp(g_args.argv[2].v6, v6, 16), 0);
+}
+
+TEST_F(SsatSock, MalformedRequestGetsFormatAndRunsNothing) {
+    const char *bad[] = {
+        "probe num:1 addr:10.1.2.3",                    // missing argument
+        "probe num:1 adr:10.1.2.3 addr6:::1",           // wrong name
+        "probe num:1 addr:10.1.2.256 addr6:::1",        // bad address
+        "probe num:1 addr:10.1.2.3 addr6:::1 x:1",      // extra argument
+        "probe addr:10.1.2.3 num:1 addr6:::1",          // wrong order
+        "probe num:1x addr:10.1.2.3 addr6:::1",         // not a number
+        "probe num:1 addr:10.1.2.3 addr6:10.1.2.3",     // IPv4 where IPv6 is asked
+        "probe num:99999999999999999999 addr:1.2.3.4 addr6:::1",
+    };
+    for (const char *line : bad) EXPECT_EQ(request(line), kUsage) << line;
+    EXPECT_EQ(g_calls, 0);
+}
+
+TEST_F(SsatSock, SocketFileIsPrivate) {
+    struct stat st{};
+    ASSERT_EQ(stat((root_ + "/var/run/ssat/ssat-test.sock").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+TEST_F(SsatSock, UnknownCommandAndHelpListCommands) {
+    const std::string list =
+        "probe num:%d addr:%a addr6:%v \nget-in-adj-id void (current id)\nbig lines:%d\n";
+    EXPECT_EQ(request("nosuch x:1"), "unknown command: nosuch\n" + list);
+    EXPECT_EQ(request("help"), list);
+    EXPECT_EQ(g_calls, 0);
+}
+
+TEST_F(SsatSock, VoidCommandTakesNoArguments) {
+    EXPECT_EQ(request("get-in-adj-id"), "void argc=0\n");
+    EXPECT_EQ(request("get-in-adj-id x:1"), "usage: get-in-adj-id void (current id)\n");
+    EXPECT_EQ(g_calls, 1);
+}
+
+TEST_F(SsatSock, OverlongRequestIsRefused) {
+    EXPECT_EQ(request("probe num:" + std::string(5000, '1')), "request too long\n");
+    EXPECT_EQ(g_calls, 0);
+}
+
+TEST_F(SsatSock, LargeOutputArrivesWhole) {
+    std::string out = request("big lines:40000");
+    EXPECT_EQ(out.size(), 40000u * 32u);
+    EXPECT_EQ(out.substr(out.size() - 32), "line 00039999 of the big output\n");
+}
+
+TEST_F(SsatSock, CommandLineClient) {
+    std::string out;
+    int status = -1;
+    with_loop([&] {
+        FILE *p = popen(SSAT_CMD_PATH " ssat-test probe num:5 addr:1.2.3.4 addr6:::1", "r");
+        char buf[256];
+        for (size_t n; p != nullptr && (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+        status = p != nullptr ? pclose(p) : -1;
+    });
+    EXPECT_EQ(out, "num=5 v4=1.2.3.4 v6=::1\n");
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(system(SSAT_CMD_PATH " no-such-module help 2>/dev/null"), 1 << 8);
+}
+
+TEST(SsatArgs, ParseAgainstFormats) {
+    struct {
+        const char *fmt, *req;
+        int rc, argc;
+        int64_t first;
+    } cases[] = {
+        {"is_add:%d, index:%d", "is_add:1 index:2", 0, 2, 1},
+        {"is_add:%d, index:%d", "is_add:1, index:2", -4, 0, 0},
+        {"dbg_level:%d log_cnt:%d[-1:unlimited]", "dbg_level:3 log_cnt:-1", 0, 2, 3},
+        {"level:%d", "level:-9223372036854775808", 0, 1, INT64_MIN},
+        {"level:%d", "level:9223372036854775808", -4, 0, 0},
+        {"level:%d", "level:+5", -4, 0, 0},
+        {"level:%d", "level:", -4, 0, 0},
+        {"level:%d", "", -4, 0, 0},
+        {"void", "", 0, 0, 0},
+        {"void (current id)", "  ", 0, 0, 0},
+        {"void", "x:1", -4, 0, 0},
+        {"ipv4:%a", "ipv4:1.2.3", -4, 0, 0},
+        {"ipv6:%v", "ipv6:fe80::1%eth0", -4, 0, 0},
+        {"a:%d", "a:1\tb", -4, 0, 0},
+    };
+    for (const auto &c : cases) {
+        ssat_args_t a;
+        EXPECT_EQ(ssat_parse_args(c.fmt, c.req, &a), c.rc) << c.fmt << " / " << c.req;
+        EXPECT_EQ(a.argc, c.argc) << c.req;
+        if (c.argc > 0) {
+            EXPECT_EQ(a.argv[0].i, c.first) << c.req;
+        }
+    }
+    ssat_args_t a;
+    EXPECT_EQ(ssat_parse_args(nullptr, "", &a), -4);
+    EXPECT_EQ(ssat_parse_args("void", nullptr, &a), 0);
+    EXPECT_EQ(ssat_parse_args("void", "", nullptr), -4);
+}
+
+TEST(SsatLocal, RegistrationAndLocalRun) {
+    std::string many;
+    for (int i = 0; i <= SSAT_MAX_ARGS; ++i) many += "a" + std::to_string(i) + ":%d ";
+    EXPECT_EQ(ssat_reg_mod_cmd("m", "x", 0, many.c_str(), void_cmd), -4);
+    EXPECT_EQ(ssat_reg_mod_cmd("m", "x", 0, "void", nullptr), -4);
+    EXPECT_EQ(ssat_reg_mod_cmd("m", "x y", 0, "void", void_cmd), -4);
+    EXPECT_EQ(ssat_reg_mod_cmd("m", "x", 0, "void", void_cmd), 0);
+    EXPECT_EQ(ssat_reg_mod_cmd("m", "x", 0, "void", void_cmd), -17);
+    std::string out;
+    g_calls = 0;
+    EXPECT_EQ(ssat_run_local("m", "x", out), 7);
+    EXPECT_EQ(out, "void argc=0\n");
+    EXPECT_EQ(ssat_run_local("m", "x 1", out), -4);
+    EXPECT_EQ(out, "usage: x void\n");
+    EXPECT_EQ(ssat_run_local("nomod", "x", out), -1);
+    EXPECT_EQ(g_calls, 1);
+    ssat_lib_reset();
+    EXPECT_EQ(ssat_run_local("m", "x", out), -1);
+}
+
+}  // namespace
