@@ -1,0 +1,255 @@
+// Record naming: key texts, Redis keys, hash fields, channels and prefixes.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "p_intf.pb-c.h"
+#include "p_libpub.pb-c.h"
+#include "p_mpls.pb-c.h"
+#include "platform/mom/tq_mom.h"
+#include "platform/mom/tq_mom_name.h"
+#include "s_mpls.pb-c.h"
+#include "s_route.pb-c.h"
+#include "u_mpls.pb-c.h"
+
+namespace {
+
+using msg_ptr = std::unique_ptr<ProtobufCMessage, decltype(&tq_mom_free)>;
+
+msg_ptr own(ProtobufCMessage *m) { return msg_ptr(m, &tq_mom_free); }
+
+std::string packed(const ProtobufCMessage *m) {
+    std::string out;
+    EXPECT_EQ(tq_mom_pack(m, out), 0);
+    return out;
+}
+
+struct key_case_t {
+    const ProtobufCMessageDescriptor *item;
+    const ProtobufCMessageDescriptor *key;
+    const char *text;
+};
+
+// Every keyed table of the system, with texts that must come back unchanged.
+const key_case_t KEY_CASES[] = {
+    {&p_mpls__mom_conf_label_switch__descriptor, &p_mpls__label_switch_index__descriptor,
+     "4294967295|-2147483648"},
+    {&p_mpls__mom_msg_ftn__descriptor, &p_mpls__ftn_index__descriptor,
+     "7|v4:10.1.0.0|16|3|v6:2001:db8::1||0|1|2|3|4|5|6|16|-1"},
+    {&u_mpls__udp_vc_ftn__descriptor, &u_mpls__udp_vc_ftn_key__descriptor,
+     "12|v6:::ffff:192.0.2.7|4"},
+    {&p_mpls__mom_msg_ilm__descriptor, &p_mpls__ilm_index__descriptor, "4660|0|v4b:c0000201|9|v6:::1|2|0|0|0|0|0|0|0|-3"},
+    {&p_mpls__mom_msg_ilm__descriptor, &p_mpls__ilm_index__descriptor, "1|2|v4b:|3||0|0|0|0|0|0|0|0|0"},
+    {&s_mpls__srte_status_cnt__descriptor, &s_mpls__srte_count_index__descriptor, "1|2"},
+    {&p_intf__data_intf__descriptor, &p_intf__intfindex__descriptor, "4294967295"},
+    {&p_mpls__mom_conf_te_tun_service_class__descriptor, &p_mpls__te_tun_index__descriptor, "0"},
+    {&u_mpls__udp_lab_sw__descriptor, &u_mpls__udp_lab_sw_index__descriptor, "33"},
+    {&s_route__comm_rt__descriptor, &s_route__comm_rt_key__descriptor,
+     "1|0|v4:192.0.2.0|24|5|v4:192.0.2.1|0||18446744073709551615"},
+    {&s_route__vir_rt__descriptor, &s_route__vir_rt_key__descriptor,
+     "8|0|128|3|v6:::|1|v6:fe80::1|0|0||4294967297"},
+    {&u_mpls__udp_ilm__descriptor, &u_mpls__udp_ilm_key__descriptor, "4660"},
+    {&s_route__in_sub_adj__descriptor, &s_route__in_sub_adj_key__descriptor,
+     "7|0|0|v4:192.0.2.1|4294967297"},
+    {&u_mpls__udp_srte_status_cnt__descriptor, &u_mpls__udp_srte_cnt_index__descriptor, "0"},
+};
+
+void PrintTo(const key_case_t &c, std::ostream *os) { *os << c.key->name << " \"" << c.text << "\""; }
+
+class KeyText : public ::testing::TestWithParam<key_case_t> {};
+
+TEST_P(KeyText, RoundTripsThroughKeyAndRedisKey) {
+    const key_case_t &c = GetParam();
+    ASSERT_EQ(tq_mom_key_desc(c.item), c.key);
+
+    ProtobufCMessage *raw = nullptr;
+    ASSERT_EQ(tq_mom_key_from_text(c.key, c.text, &raw), 0);
+    msg_ptr key = own(raw);
+    std::string text;
+    ASSERT_EQ(tq_mom_key_to_text(key.get(), text), 0);
+    EXPECT_EQ(text, c.text);
+
+    std::string redis_key = std::string(c.item->name) + "|" + c.text;
+    msg_ptr item = own(tq_mom_item_from_key(c.item, redis_key));
+    ASSERT_NE(item, nullptr);
+    EXPECT_EQ(packed(tq_mom_item_key(item.get())), packed(key.get()));
+    std::string again;
+    ASSERT_EQ(tq_mom_record_key(item.get(), again), 0);
+    EXPECT_EQ(again, redis_key);
+}
+
+INSTANTIATE_TEST_SUITE_P(AllKeys, KeyText, ::testing::ValuesIn(KEY_CASES));
+
+TEST(KeyText, AddressForms) {
+    uint8_t v4_bytes[4] = {0xc0, 0x00, 0x02, 0x01};
+    PLibpub__Ipv4 v4 = P_LIBPUB__IPV4__INIT;
+    std::memcpy(&v4.data, v4_bytes, 4);
+    uint8_t v6_bytes[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01};
+    PLibpub__Ipv6 v6 = P_LIBPUB__IPV6__INIT;
+    v6.data = {16, v6_bytes};
+    PLibpub__Ipv6 v6_short = P_LIBPUB__IPV6__INIT;
+    v6_short.data = {4, v6_bytes};
+    PLibpub__Ipv4b v4b = P_LIBPUB__IPV4B__INIT;
+    v4b.data = {4, v4_bytes};
+
+    struct {
+        const char *what;
+        PLibpub__Ip__AddrCase which;
+        void *member;
+        int rv;
+        const char *text;
+    } cases[] = {
+        {"v4 memory order", P_LIBPUB__IP__ADDR_V4, &v4, 0, "7|0|0|v4:192.0.2.1|4294967297"},
+        {"v6 compressed", P_LIBPUB__IP__ADDR_V6, &v6, 0, "7|0|0|v6:2001:db8::1|4294967297"},
+        {"v6 of 4 bytes", P_LIBPUB__IP__ADDR_V6, &v6_short, TQ_MOM_ERR_PARAM, ""},
+        {"v4b hex", P_LIBPUB__IP__ADDR_V4B, &v4b, 0, "7|0|0|v4b:c0000201|4294967297"},
+        {"no member", P_LIBPUB__IP__ADDR__NOT_SET, nullptr, 0, "7|0|0||4294967297"},
+        {"member unset", P_LIBPUB__IP__ADDR_V4, nullptr, 0, "7|0|0||4294967297"},
+    };
+    for (const auto &c : cases) {
+        PLibpub__Ip ip = P_LIBPUB__IP__INIT;
+        ip.addr_case = c.which;
+        if (c.which == P_LIBPUB__IP__ADDR_V4) ip.v4 = static_cast<PLibpub__Ipv4 *>(c.member);
+        if (c.which == P_LIBPUB__IP__ADDR_V6) ip.v6 = static_cast<PLibpub__Ipv6 *>(c.member);
+        if (c.which == P_LIBPUB__IP__ADDR_V4B) ip.v4b = static_cast<PLibpub__Ipv4b *>(c.member);
+        SRoute__InSubAdjKey key = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
+        key.t_rt_owner = 7;
+        key.ip = &ip;
+        key.mplsid = 4294967297ULL;
+        std::string text;
+        EXPECT_EQ(tq_mom_key_to_text(&key.base, text), c.rv) << c.what;
+        EXPECT_EQ(text, c.text) << c.what;
+    }
+
+    SRoute__InSubAdjKey absent = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
+    std::string text;
+    ASSERT_EQ(tq_mom_key_to_text(&absent.base, text), 0);
+    EXPECT_EQ(text, "0|0|0||0");
+    ProtobufCMessage *raw = nullptr;
+    ASSERT_EQ(tq_mom_key_from_text(&s_route__in_sub_adj_key__descriptor, text, &raw), 0);
+    msg_ptr back = own(raw);
+    EXPECT_EQ(reinterpret_cast<SRoute__InSubAdjKey *>(back.get())->ip, nullptr);
+    EXPECT_EQ(packed(back.get()), packed(&absent.base));
+
+    ASSERT_EQ(tq_mom_key_from_text(&s_route__in_sub_adj_key__descriptor,
+                                   "7|0|0|v4:192.0.2.1|0", &raw), 0);
+    back = own(raw);
+    const PLibpub__Ip *ip = reinterpret_cast<SRoute__InSubAdjKey *>(back.get())->ip;
+    ASSERT_NE(ip, nullptr);
+    ASSERT_EQ(ip->addr_case, P_LIBPUB__IP__ADDR_V4);
+    EXPECT_EQ(std::memcmp(&ip->v4->data, v4_bytes, 4), 0);
+}
+
+struct bad_text_t {
+    const ProtobufCMessageDescriptor *key;
+    const char *text;
+};
+
+const bad_text_t BAD_TEXTS[] = {
+    {&p_mpls__label_switch_index__descriptor, "1"},
+    {&p_mpls__label_switch_index__descriptor, "1|2|3"},
+    {&p_mpls__label_switch_index__descriptor, "a|1"},
+    {&p_mpls__label_switch_index__descriptor, "1|"},
+    {&p_mpls__label_switch_index__descriptor, "4294967296|0"},
+    {&p_mpls__label_switch_index__descriptor, "-1|0"},
+    {&p_mpls__label_switch_index__descriptor, "+1|0"},
+    {&p_mpls__label_switch_index__descriptor, "1|2147483648"},
+    {&p_mpls__label_switch_index__descriptor, "1|-2147483649"},
+    {&p_mpls__label_switch_index__descriptor, "1 |2"},
+    {&u_mpls__udp_ilm_key__descriptor, ""},
+    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v4:192.0.2.1|18446744073709551616"},
+    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v4:300.0.2.1|1"},
+    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v4:|1"},
+    {&s_route__in_sub_adj_key__descriptor, "7|0|0|192.0.2.1|1"},
+    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v5:192.0.2.1|1"},
+    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v6:1:::2|1"},
+    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v6:192.0.2.1|1"},
+    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v4b:abc|1"},
+    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v4b:zz|1"},
+};
+
+TEST(KeyText, RejectsMalformedText) {
+    for (const bad_text_t &b : BAD_TEXTS) {
+        ProtobufCMessage *out = reinterpret_cast<ProtobufCMessage *>(1);
+        EXPECT_EQ(tq_mom_key_from_text(b.key, b.text, &out), TQ_MOM_ERR_PARAM) << b.text;
+        EXPECT_EQ(out, nullptr) << b.text;
+    }
+    EXPECT_EQ(tq_mom_item_from_key(&u_mpls__udp_ilm__descriptor, "u_mpls.udp_ilm|x"), nullptr);
+    EXPECT_EQ(tq_mom_item_from_key(&u_mpls__udp_ilm__descriptor, "u_mpls.udp_lab_sw|1"), nullptr);
+    EXPECT_EQ(tq_mom_item_from_key(&u_mpls__udp_ilm__descriptor, "u_mpls.udp_ilm"), nullptr);
+}
+
+TEST(RecordKey, KeyedAndUnkeyed) {
+    PMpls__MomConfGlobalEnable global = P_MPLS__MOM_CONF_GLOBAL_ENABLE__INIT;
+    std::string key;
+    ASSERT_EQ(tq_mom_record_key(&global.base, key), 0);
+    EXPECT_EQ(key, "p_mpls.mom_conf_global_enable");
+    EXPECT_EQ(tq_mom_key_desc(global.base.descriptor), nullptr);
+    msg_ptr item = own(tq_mom_item_from_key(global.base.descriptor, key));
+    ASSERT_NE(item, nullptr);
+    EXPECT_EQ(item->descriptor, global.base.descriptor);
+
+    UMpls__UdpIlm ilm = U_MPLS__UDP_ILM__INIT;
+    EXPECT_EQ(tq_mom_record_key(&ilm.base, key), TQ_MOM_ERR_PARAM);
+    UMpls__UdpIlmKey ilm_key = U_MPLS__UDP_ILM_KEY__INIT;
+    ilm_key.in_label = 4660;
+    ilm.index = &ilm_key;
+    ASSERT_EQ(tq_mom_record_key(&ilm.base, key), 0);
+    EXPECT_EQ(key, "u_mpls.udp_ilm|4660");
+}
+
+TEST(RecordKey, ChannelAndPrefixes) {
+    EXPECT_EQ(tq_mom_channel(6, &p_mpls__mom_msg_ilm__descriptor), "pub@6:p_mpls.mom_msg_ilm");
+    EXPECT_STREQ(tq_mom_table_name(&s_route__vir_rt__descriptor), "s_route.vir_rt");
+
+    SRoute__InSubAdj adj = S_ROUTE__IN_SUB_ADJ__INIT;
+    EXPECT_EQ(tq_mom_table_prefix(&adj.base, false), "s_route.in_sub_adj|");
+    EXPECT_EQ(tq_mom_table_prefix(&adj.base, true), "s_route.in_sub_adj|0|");
+    SRoute__InSubAdjKey key = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
+    key.t_rt_owner = 7;
+    adj.index = &key;
+    EXPECT_EQ(tq_mom_table_prefix(&adj.base, true), "s_route.in_sub_adj|7|");
+    PMpls__MomConfVpnTtl ttl = P_MPLS__MOM_CONF_VPN_TTL__INIT;
+    EXPECT_EQ(tq_mom_table_prefix(&ttl.base, true), "p_mpls.mom_conf_vpn_ttl|");
+}
+
+TEST(HashFields, SplitAndRejoinEqualPackedRecord) {
+    SRoute__InSubAdjKey key = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
+    key.t_rt_owner = 7;
+    key.mplsid = 1;
+    uint32_t labels[] = {16, 17, 1048575};
+    SRoute__InSubAdj adj = S_ROUTE__IN_SUB_ADJ__INIT;
+    adj.index = &key;
+    adj.ttl = 255;
+    adj.ttl_map = 1;
+    adj.labels = labels;
+    adj.n_labels = 3;
+    adj.stat_id = 9;
+
+    std::vector<std::pair<std::string, std::string>> fields;
+    ASSERT_EQ(tq_mom_hash_fields(&adj.base, fields), 0);
+    std::vector<std::string> names;
+    std::string joined;
+    for (const auto &[name, bytes] : fields) {
+        names.push_back(name);
+        joined += bytes;
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"index", "ttl", "ttl_map", "labels", "stat_id"}));
+    EXPECT_EQ(joined, packed(&adj.base));
+    EXPECT_EQ(fields[1].second, std::string("\x30\xff\x01", 3));  // field 6, varint 255
+
+    std::vector<std::pair<std::string, std::string>> reversed(fields.rbegin(), fields.rend());
+    msg_ptr back = own(tq_mom_hash_unpack(&s_route__in_sub_adj__descriptor, reversed));
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(packed(back.get()), packed(&adj.base));
+
+    auto unknown = fields;
+    unknown[1].first = "no_such_field";
+    EXPECT_EQ(tq_mom_hash_unpack(&s_route__in_sub_adj__descriptor, unknown), nullptr);
+    auto misplaced = fields;
+    misplaced[1].second = fields[4].second;  // stat_id bytes under "ttl"
+    EXPECT_EQ(tq_mom_hash_unpack(&s_route__in_sub_adj__descriptor, misplaced), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,252 @@
+#include "proc_harness.h"
+
+#include <fcntl.h>
+#include <hiredis/hiredis.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+temp_dir_t::temp_dir_t() {
+    char tmpl[] = "/tmp/l3vpn-test-XXXXXX";
+    const char *p = mkdtemp(tmpl);
+    path_ = p != nullptr ? p : "/tmp";
+}
+
+temp_dir_t::~temp_dir_t() {
+    std::error_code ec;
+    if (path_ != "/tmp") fs::remove_all(path_, ec);
+}
+
+namespace {
+std::string find_redis_server() {
+    for (const char *p : {"/usr/bin/redis-server", "/usr/local/bin/redis-server", "/usr/sbin/redis-server"})
+        if (access(p, X_OK) == 0) return p;
+    return "";
+}
+
+int wait_pid(pid_t pid, int timeout_ms, bool *done) {
+    int status = 0;
+    for (int waited = 0; waited <= timeout_ms; waited += 10) {
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) {
+            *done = true;
+            if (WIFEXITED(status)) return WEXITSTATUS(status);
+            if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+            return -1;
+        }
+        usleep(10 * 1000);
+    }
+    *done = false;
+    return -1;
+}
+}  // namespace
+
+bool redis_server_t::available() { return !find_redis_server().empty(); }
+
+redis_server_t::redis_server_t(const std::string &dir) : dir_(dir), sock_(dir + "/redis.sock") {}
+
+redis_server_t::~redis_server_t() { stop(); }
+
+bool redis_server_t::start() {
+    std::string bin = find_redis_server();
+    if (bin.empty()) return false;
+    pid_ = fork();
+    if (pid_ == 0) {
+        int fd = open((dir_ + "/redis.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd >= 0) {
+            dup2(fd, 1);
+            dup2(fd, 2);
+        }
+        execl(bin.c_str(), bin.c_str(), "--port", "0", "--unixsocket", sock_.c_str(),
+              "--unixsocketperm", "700", "--save", "", "--appendonly", "no", "--dir", dir_.c_str(),
+              "--notify-keyspace-events", "K$hgx", (char *)nullptr);
+        _exit(127);
+    }
+    return wait_until(
+        [&] {
+            redis_cli_t cli(sock_);
+            return cli.ok() && cli.command({"PING"}) == "PONG";
+        },
+        5000);
+}
+
+void redis_server_t::stop() {
+    if (pid_ <= 0) return;
+    {
+        redis_cli_t cli(sock_);
+        if (cli.ok()) cli.command({"SHUTDOWN", "NOSAVE"});
+    }
+    bool done = false;
+    wait_pid(pid_, 3000, &done);
+    if (!done) {
+        ::kill(pid_, SIGKILL);
+        wait_pid(pid_, 3000, &done);
+    }
+    pid_ = -1;
+}
+
+void redis_server_t::kill_hard() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    bool done = false;
+    wait_pid(pid_, 3000, &done);
+    pid_ = -1;
+}
+
+daemon_proc_t::daemon_proc_t(std::string root, std::string mom_redis, int log_level)
+    : root_(std::move(root)), mom_redis_(std::move(mom_redis)), log_(root_ + "/daemon.log"),
+      level_(log_level) {}
+
+daemon_proc_t::~daemon_proc_t() {
+    if (pid_ > 0) stop(SIGKILL);
+}
+
+std::string daemon_proc_t::binary() {
+    const char *b = getenv("L3VPN_BUILD_DIR");
+    return std::string(b != nullptr ? b : "build") + "/app/proc/ce_mpls_l3vpn";
+}
+
+bool daemon_proc_t::start() {
+    for (const char *d : {"/var/run/ssat", "/data/sw_mpls", "/data/route/tbl_dbg", "/var/sw_mpls/ham"})
+        fs::create_directories(root_ + d);
+    std::ofstream(root_ + "/data/sw_mpls/ce_l3vpn_zlog.dbg") << level_ << "\n";
+    std::string bin = binary();
+    pid_ = fork();
+    if (pid_ == 0) {
+        int fd = open(log_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (fd >= 0) {
+            dup2(fd, 1);
+            dup2(fd, 2);
+        }
+        setenv("L3VPN_ROOT", root_.c_str(), 1);
+        setenv("MOM_REDIS", mom_redis_.c_str(), 1);
+        execl(bin.c_str(), bin.c_str(), (char *)nullptr);
+        _exit(127);
+    }
+    return pid_ > 0;
+}
+
+int daemon_proc_t::stop(int sig) {
+    if (pid_ <= 0) return -1;
+    ::kill(pid_, sig);
+    bool done = false;
+    int rv = wait_pid(pid_, 5000, &done);
+    if (!done) {
+        ::kill(pid_, SIGKILL);
+        rv = wait_pid(pid_, 5000, &done);
+    }
+    pid_ = -1;
+    return rv;
+}
+
+int daemon_proc_t::wait_exit(int timeout_ms) {
+    if (pid_ <= 0) return -1;
+    bool done = false;
+    int rv = wait_pid(pid_, timeout_ms, &done);
+    if (done) pid_ = -1;
+    return done ? rv : -1;
+}
+
+bool daemon_proc_t::running() {
+    if (pid_ <= 0) return false;
+    bool done = false;
+    wait_pid(pid_, 0, &done);
+    if (done) pid_ = -1;
+    return !done;
+}
+
+std::string daemon_proc_t::log() const {
+    std::ifstream f(log_);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+redis_cli_t::redis_cli_t(const std::string &sock) {
+    struct timeval tv = {2, 0};
+    c_ = redisConnectUnixWithTimeout(sock.c_str(), tv);
+    if (c_ != nullptr && c_->err != 0) {
+        redisFree(c_);
+        c_ = nullptr;
+    }
+}
+
+redis_cli_t::~redis_cli_t() {
+    if (c_ != nullptr) redisFree(c_);
+}
+
+namespace {
+std::string reply_text(redisReply *r) {
+    if (r == nullptr) return "(no reply)";
+    switch (r->type) {
+    case REDIS_REPLY_STRING:
+    case REDIS_REPLY_STATUS:
+    case REDIS_REPLY_ERROR: return std::string(r->str, r->len);
+    case REDIS_REPLY_INTEGER: return std::to_string(r->integer);
+    case REDIS_REPLY_NIL: return "(nil)";
+    default: return "(array)";
+    }
+}
+}  // namespace
+
+std::string redis_cli_t::command(const std::vector<std::string> &words) {
+    if (c_ == nullptr) return "(no connection)";
+    std::vector<const char *> argv;
+    std::vector<size_t> lens;
+    for (const std::string &w : words) {
+        argv.push_back(w.data());
+        lens.push_back(w.size());
+    }
+    auto *r = static_cast<redisReply *>(redisCommandArgv(c_, argv.size(), argv.data(), lens.data()));
+    std::string text = reply_text(r);
+    if (r != nullptr) freeReplyObject(r);
+    return text;
+}
+
+void redis_cli_t::select(int db) { command({"SELECT", std::to_string(db)}); }
+
+std::vector<std::string> redis_cli_t::keys(const std::string &pattern) {
+    std::vector<std::string> out;
+    if (c_ == nullptr) return out;
+    auto *r = static_cast<redisReply *>(redisCommand(c_, "KEYS %b", pattern.data(), pattern.size()));
+    if (r != nullptr && r->type == REDIS_REPLY_ARRAY)
+        for (size_t i = 0; i < r->elements; ++i) out.emplace_back(r->element[i]->str, r->element[i]->len);
+    if (r != nullptr) freeReplyObject(r);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+bool redis_cli_t::get(const std::string &key, std::string &out) {
+    if (c_ == nullptr) return false;
+    auto *r = static_cast<redisReply *>(redisCommand(c_, "GET %b", key.data(), key.size()));
+    bool found = r != nullptr && r->type == REDIS_REPLY_STRING;
+    if (found) out.assign(r->str, r->len);
+    if (r != nullptr) freeReplyObject(r);
+    return found;
+}
+
+std::vector<std::pair<std::string, std::string>> redis_cli_t::hgetall(const std::string &key) {
+    std::vector<std::pair<std::string, std::string>> out;
+    if (c_ == nullptr) return out;
+    auto *r = static_cast<redisReply *>(redisCommand(c_, "HGETALL %b", key.data(), key.size()));
+    if (r != nullptr && r->type == REDIS_REPLY_ARRAY)
+        for (size_t i = 0; i + 1 < r->elements; i += 2)
+            out.emplace_back(std::string(r->element[i]->str, r->element[i]->len),
+                             std::string(r->element[i + 1]->str, r->element[i + 1]->len));
+    if (r != nullptr) freeReplyObject(r);
+    return out;
+}
+
+void redis_cli_t::set(const std::string &key, const std::string &value) { command({"SET", key, value}); }
+void redis_cli_t::del(const std::string &key) { command({"DEL", key}); }
+void redis_cli_t::flushall() { command({"FLUSHALL"}); }

@@ -1,0 +1,88 @@
+// End-to-end harness: a private redis-server on a Unix socket, the daemon as a
+// process under a private L3VPN_ROOT, and a plain Redis client to look at the
+// store the way the lower layers would.
+#pragma once
+#include <sys/types.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+struct redisContext;
+
+// A temporary folder, removed with everything in it.
+class temp_dir_t {
+public:
+    temp_dir_t();
+    ~temp_dir_t();
+    const std::string &path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+class redis_server_t {
+public:
+    // True when a redis-server binary can be found.
+    static bool available();
+    explicit redis_server_t(const std::string &dir);
+    ~redis_server_t();
+    bool start();          // waits until it answers PING
+    void stop();           // SHUTDOWN NOSAVE, then waits
+    void kill_hard();      // SIGKILL
+    const std::string &socket() const { return sock_; }
+    std::string mom_redis() const { return "unix:" + sock_; }
+
+private:
+    std::string dir_, sock_;
+    pid_t pid_ = -1;
+};
+
+class daemon_proc_t {
+public:
+    // root: the L3VPN_ROOT folder (created with the folders the daemon needs).
+    daemon_proc_t(std::string root, std::string mom_redis, int log_level = 4);
+    ~daemon_proc_t();
+    static std::string binary();
+    bool start();
+    // Sends sig and waits; returns the exit status (or 128+signal).
+    int stop(int sig = 15);
+    // Waits up to timeout_ms for the process to end by itself; -1 if still running.
+    int wait_exit(int timeout_ms);
+    bool running();
+    pid_t pid() const { return pid_; }
+    const std::string &log_path() const { return log_; }
+    std::string log() const;
+    const std::string &root() const { return root_; }
+
+private:
+    std::string root_, mom_redis_, log_;
+    int level_;
+    pid_t pid_ = -1;
+};
+
+// A synchronous Redis client for assertions.
+class redis_cli_t {
+public:
+    explicit redis_cli_t(const std::string &sock);
+    ~redis_cli_t();
+    bool ok() const { return c_ != nullptr; }
+    void select(int db);
+    std::vector<std::string> keys(const std::string &pattern);
+    bool get(const std::string &key, std::string &out);
+    std::vector<std::pair<std::string, std::string>> hgetall(const std::string &key);
+    void set(const std::string &key, const std::string &value);
+    void del(const std::string &key);
+    void flushall();
+    // Runs an arbitrary command given as words; returns the reply as text.
+    std::string command(const std::vector<std::string> &words);
+
+private:
+    redisContext *c_ = nullptr;
+};
+
+// Polls cond every 20 ms until it holds or timeout_ms passes.
+template <typename F>
+bool wait_until(F cond, int timeout_ms);
+
+#include "proc_harness_wait.h"
