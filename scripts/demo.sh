@@ -1,0 +1,94 @@
+#!/usr/bin/env bash
+# The demo: a private Redis, the daemon under a restart loop, the example
+# network loaded, the lower layers' tables shown, one VRF withdrawn.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+top=$PWD
+
+say() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+
+say "Installing what the build needs (Debian packages), if anything is missing"
+scripts/deps.sh
+
+say "Building the daemon and the operator tool (build-demo/)"
+cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=Release -DL3VPN_TESTS=OFF >/dev/null
+cmake --build build-demo -j "$(nproc)" --target ce_mpls_l3vpn l3vpn-ctl
+daemon=$top/build-demo/app/proc/ce_mpls_l3vpn
+ctl=$top/build-demo/tools/l3vpn-ctl
+
+work=$(mktemp -d /tmp/l3vpn-demo-XXXXXX)
+root=$work/root
+sock=$work/redis.sock
+export L3VPN_ROOT=$root MOM_REDIS=unix:$sock
+redis_pid="" loop_pid=""
+cleanup() {
+  say "Stopping everything the demo started"
+  local pidf=$root/var/run/sw.ce.mpls.l3vpn.pid
+  if [ -s "$pidf" ]; then kill "$(tr -d '\0' < "$pidf")" 2>/dev/null || true; fi
+  [ -n "$loop_pid" ] && kill "$loop_pid" 2>/dev/null || true
+  [ -n "$redis_pid" ] && kill "$redis_pid" 2>/dev/null || true
+  wait 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+say "Starting a private Redis on $sock (it is the MOM, the shared record store)"
+redis-server --port 0 --unixsocket "$sock" --save "" --appendonly no \
+  --notify-keyspace-events K\$hgx >"$work/redis.log" 2>&1 &
+redis_pid=$!
+for _ in $(seq 50); do redis-cli -s "$sock" ping >/dev/null 2>&1 && break; sleep 0.1; done
+
+say "Starting the daemon under a restart loop (L3VPN_ROOT=$root, log level INFO)"
+mkdir -p "$root/var/run/ssat" "$root/data/sw_mpls" "$root/data/route/tbl_dbg" "$root/var/sw_mpls/ham"
+echo 4 > "$root/data/sw_mpls/ce_l3vpn_zlog.dbg"
+(
+  # Exit status 77 means the MOM connection was lost: start again, as a supervisor would.
+  while true; do
+    "$daemon" >>"$work/daemon.log" 2>&1 && break
+    rc=$?
+    [ "$rc" -eq 77 ] || break
+    sleep 1
+  done
+) &
+loop_pid=$!
+
+say "Waiting until the daemon has subscribed and finished its first data sync"
+"$ctl" wait-synced --timeout 30
+
+say "Loading the example network (examples/network.jsonl: 2 VRFs, ECMP, VC-FTNs, ILMs, switches)"
+"$ctl" load examples/network.jsonl
+# The records reach the daemon as change notices; let it settle.
+prev=""
+for _ in $(seq 50); do
+  now=$("$ctl" dump all --json | md5sum)
+  [ "$now" = "$prev" ] && break
+  prev=$now; sleep 0.2
+done
+
+show_outputs() {
+  say "EF (database 6): FTN routes and virtual routes"
+  "$ctl" dump s_route.comm_rt
+  "$ctl" dump s_route.vir_rt
+  say "UC (database 10): inner adjacencies with their MPLS ids"
+  "$ctl" dump s_route.in_sub_adj
+  say "FE (databases 8 and 10): switches, label switching, ILM in-labels"
+  "$ctl" dump u_mpls.udp_mpls_enable
+  "$ctl" dump u_mpls.udp_ttl_copy_enable
+  "$ctl" dump u_mpls.udp_lab_sw
+  "$ctl" dump u_mpls.udp_ilm
+}
+show_outputs
+
+say "The daemon's own overview (debug command \"show-info\")"
+"$ctl" cmd udp-mpls-l3vpn show-info is_clean:0 is_detail:0
+
+say "Deleting VRF 2's entries (examples/vrf2.jsonl) and showing what was withdrawn"
+"$ctl" dump all --json | sort > "$work/before.jsonl"
+"$ctl" delete examples/vrf2.jsonl
+sleep 1
+"$ctl" dump all --json | sort > "$work/after.jsonl"
+echo "Records the daemon withdrew from the lower layers:"
+comm -23 "$work/before.jsonl" "$work/after.jsonl" | grep -v '"table": *"p_mpls.mom_msg_ftn"\|"table": *"p_mpls.mom_msg_ilm"' || true
+
+say "Done. The daemon's log:"
+tail -n 5 "$work/daemon.log"
