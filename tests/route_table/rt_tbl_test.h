@@ -1,0 +1,65 @@
+// Shared set-up of the route-table client tests: a fresh registry over the
+// in-memory MOM, a private L3VPN_ROOT, and stdout capture.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "p_intf.pb-c.h"
+#include "platform/cgst/libcgstctrl.h"
+#include "route_table/ss_rt_tbl.h"
+#include "route_table/ss_rt_tbl_int.h"
+#include "support/mom_mem.h"
+#include "u_mpls.pb-c.h"
+
+class RtTblTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/rt-tbl-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(tmpl));
+        root_ = tmpl;
+        setenv("L3VPN_ROOT", root_.c_str(), 1);
+        ss_rt_tbl_reset_for_test();
+        libcgstctrl_reset();
+        mom_ = mom_mem_new();
+        ctx_ = mom_mem_ctx(mom_);
+    }
+    void TearDown() override {
+        ss_rt_tbl_reset_for_test();
+        mom_mem_free(mom_);
+        unsetenv("L3VPN_ROOT");
+        std::filesystem::remove_all(root_);
+    }
+    // u_mpls.udp_ilm: a keyed string table.
+    static ss_rt_tbl_t *ilm_tbl(uint32_t db) {
+        UMpls__UdpIlm item = U_MPLS__UDP_ILM__INIT;
+        UMpls__UdpIlmKey key = U_MPLS__UDP_ILM_KEY__INIT;
+        return ss_rt_tbl_create_detail(db, RT_MOM_DATA_STRING, &item, sizeof item,
+                                       offsetof(UMpls__UdpIlm, index), &key, sizeof key);
+    }
+    // p_intf.data_intf: a keyed hash table.
+    static ss_rt_tbl_t *intf_tbl(uint32_t db) {
+        PIntf__DataIntf item = P_INTF__DATA_INTF__INIT;
+        PIntf__Intfindex key = P_INTF__INTFINDEX__INIT;
+        return ss_rt_tbl_create_detail(db, RT_MOM_DATA_HASH, &item, sizeof item,
+                                       offsetof(PIntf__DataIntf, index), &key, sizeof key);
+    }
+    void init(uint32_t n) { ASSERT_EQ(0, ss_rt_tbl_init(&ctx_, "rt-test", n)); }
+    static std::string run(int (*cmd)(const ssat_args_t *), int64_t a, int64_t b, int *rv) {
+        ssat_args_t args{};
+        args.argc = 2;
+        args.argv[0].i = a;
+        args.argv[1].i = b;
+        testing::internal::CaptureStdout();
+        *rv = cmd(&args);
+        return testing::internal::GetCapturedStdout();
+    }
+    static const ss_rt_tbl_hist_t &hist(int row) { return ss_rt_tbl_hist[row]; }
+
+    std::string root_;
+    tq_mom_client_t *mom_ = nullptr;
+    tq_global_t ctx_{};
+};

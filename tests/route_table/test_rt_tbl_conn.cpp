@@ -1,0 +1,110 @@
+// Connections per database, reconnect reports and congestion registration.
+#include "rt_tbl_test.h"
+
+namespace {
+
+int g_conn_runs = 0;
+int on_conn() { return ++g_conn_runs, 0; }
+uint32_t g_reconn_db = 0;
+int on_reconn(uint32_t db) { return g_reconn_db = db, 0; }
+int on_cgst_event(void *) { return 0; }
+
+class RtTblConn : public RtTblTest {
+protected:
+    void SetUp() override {
+        RtTblTest::SetUp();
+        g_conn_runs = 0;
+        g_reconn_db = 0;
+        init(4);
+        t_[0] = ilm_tbl(6);
+        t_[1] = intf_tbl(10);
+        t_[2] = intf_tbl(6);
+    }
+    ss_rt_tbl_t *t_[3] = {};
+};
+
+TEST_F(RtTblConn, ThreeTablesOnTwoDatabasesOpenTwoConnections) {
+    EXPECT_EQ(-4, ss_rt_tbl_connect_db(nullptr));
+    ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
+    for (mom_mem_op_t op : {MOM_MEM_OP_CONNECT_SYNC, MOM_MEM_OP_CONNECT, MOM_MEM_OP_RECONNECT_CB})
+        EXPECT_EQ(2u, mom_mem_op_count(mom_, op)) << op;
+    EXPECT_EQ(0, g_conn_runs);
+    EXPECT_EQ(2, mom_mem_dispatch(mom_));
+    EXPECT_EQ(1, g_conn_runs);
+    EXPECT_EQ(RT_ST_OK, t_[0]->conn_st);
+    EXPECT_EQ(RT_ST_OK, t_[1]->conn_st);
+    EXPECT_EQ(RT_ST_IGNORE, t_[2]->conn_st);
+    EXPECT_EQ(1, hist(RT_HIST_CONN_CB).data1);
+    EXPECT_EQ(10, hist(RT_HIST_CONN_CB).data2);
+}
+
+TEST_F(RtTblConn, ConnectedFunctionWaitsForEveryDatabase) {
+    ss_rt_tbl_ctl.conn_func = on_conn;
+    ss_rt_tbl_ctl.dbg_level = RT_DBG_WARNING;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(0, tbl_conn_cb(&ctx_, t_[1]));
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("[WARN ]tbl_conn_cb:")) << out;
+    EXPECT_NE(std::string::npos, out.find("|not all db conn ok\n")) << out;
+    EXPECT_EQ(0, g_conn_runs);
+    EXPECT_EQ(0, tbl_conn_cb(&ctx_, t_[0]));
+    EXPECT_EQ(1, g_conn_runs);
+    // A repeated connection is counted and still reports all up.
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(0, tbl_conn_cb(&ctx_, t_[0]));
+    out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("|connect repeate\n")) << out;
+    EXPECT_EQ(2, g_conn_runs);
+    EXPECT_EQ(1u, hist(RT_HIST_CONN_REPEAT).count);
+    EXPECT_EQ(6, hist(RT_HIST_CONN_REPEAT).data2);
+    EXPECT_EQ(-4, tbl_conn_cb(&ctx_, nullptr));
+}
+
+TEST_F(RtTblConn, FailedConnectionsAreOredAndTheLoopGoesOn) {
+    mom_mem_fail_next(mom_, MOM_MEM_OP_CONNECT_SYNC, 1, -16);
+    EXPECT_EQ(-16, ss_rt_tbl_connect_db(on_conn));
+    EXPECT_EQ(2u, mom_mem_op_count(mom_, MOM_MEM_OP_CONNECT));
+    EXPECT_EQ(1u, hist(RT_HIST_CONN).count);
+    EXPECT_EQ(-16, hist(RT_HIST_CONN).data1);
+}
+
+TEST_F(RtTblConn, LostConnectionEndsTheProcess) {
+    ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
+    EXPECT_EXIT(mom_mem_conn_lost(mom_, 10), testing::ExitedWithCode(77), "");
+}
+
+TEST_F(RtTblConn, LostConnectionOnlyLogsWithExitCleared) {
+    ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
+    ss_rt_tbl_reg_reconnect(on_reconn, 0);
+    ss_rt_tbl_ctl.dbg_level = RT_DBG_BRIEF;
+    testing::internal::CaptureStdout();
+    mom_mem_conn_lost(mom_, 10);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("|table:0 db:10 type:1\n")) << out;
+    EXPECT_NE(std::string::npos, out.find("|conn error\n")) << out;
+    EXPECT_EQ(0u, g_reconn_db);
+    mom_mem_conn_back(mom_, 10);
+    EXPECT_EQ(10u, g_reconn_db);
+    EXPECT_EQ(0, tbl_reconn_cb(&ctx_, 6, 5, t_[0]));
+    EXPECT_EQ(-4, tbl_reconn_cb(&ctx_, 6, 1, nullptr));
+}
+
+TEST_F(RtTblConn, CongestionInitOncePerDatabase) {
+    for (ss_rt_tbl_t *t : t_) EXPECT_EQ(0, ss_rt_tbl_reg_cgst_topic_detail(t, 0));
+    const std::vector<cgst_reg_t> &r = libcgstctrl_registrations();
+    ASSERT_EQ(5u, r.size());
+    const std::pair<uint32_t, const char *> want[] = {{6, ""},
+                                                      {6, "u_mpls.udp_ilm"},
+                                                      {10, ""},
+                                                      {10, "p_intf.data_intf"},
+                                                      {6, "p_intf.data_intf"}};
+    for (size_t i = 0; i < r.size(); ++i) {
+        EXPECT_EQ(want[i].first, r[i].db) << i;
+        EXPECT_EQ(want[i].second, r[i].topic) << i;
+        EXPECT_EQ("rt-test", r[i].module) << i;
+    }
+    for (ss_rt_tbl_t *t : t_) EXPECT_EQ(1, t->cgst);
+    EXPECT_EQ(0, ss_rt_tbl_reg_cgst_event(on_cgst_event));
+}
+
+}  // namespace

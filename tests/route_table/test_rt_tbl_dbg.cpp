@@ -1,0 +1,184 @@
+// The library's log lines, line budget, history and tbl- commands.
+#include <cstdarg>
+#include <cstdio>
+#include <regex>
+
+#include "rt_tbl_test.h"
+
+namespace {
+
+using RtTblDbg = RtTblTest;
+
+std::string fmt(const char *f, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, f);
+    vsnprintf(buf, sizeof buf, f, ap);
+    va_end(ap);
+    return buf;
+}
+
+int count_of(const std::string &text, const std::string &part) {
+    int n = 0;
+    for (size_t p = text.find(part); p != std::string::npos; p = text.find(part, p + 1)) ++n;
+    return n;
+}
+
+TEST_F(RtTblDbg, LogLineFormat) {
+    ss_rt_tbl_ctl.dbg_level = RT_DBG_BRIEF;
+    testing::internal::CaptureStdout();
+    ss_rt_tbl_reg_reconnect(nullptr, 1);
+    ss_rt_tbl_reg_ds_func(nullptr);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(std::regex_match(
+        out, std::regex(R"(\[BRIEF\]ss_rt_tbl_reg_reconnect:[ 0-9]{4}\|func:\S+ is_exit:1\n)")))
+        << out;
+    EXPECT_EQ(999, ss_rt_tbl_ctl.log_cnt);
+}
+
+TEST_F(RtTblDbg, BudgetOfTwoLetsTwoLinesThrough) {
+    init(2);
+    ss_rt_tbl_t *t = ilm_tbl(6);
+    testing::internal::CaptureStdout();
+    ss_rt_tbl_set_debug(RT_DBG_ALL, 2);
+    testing::internal::GetCapturedStdout();
+    testing::internal::CaptureStdout();
+    for (int i = 0; i < 4; ++i) ss_rt_tbl_reg_reconnect(nullptr, 1);
+    ss_rt_tbl_ds_begin_detail(t, 3600, 0);  // its "table:%d" block stays unprinted too
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(2, count_of(out, "\n")) << out;
+    EXPECT_EQ(2, count_of(out, "[BRIEF]ss_rt_tbl_reg_reconnect:")) << out;
+    EXPECT_EQ(0, ss_rt_tbl_ctl.log_cnt);
+    testing::internal::CaptureStdout();
+    ss_rt_tbl_set_debug(RT_DBG_ALL, -1);
+    ss_rt_tbl_reg_reconnect(nullptr, 1);
+    out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(1, count_of(out, "[BRIEF]ss_rt_tbl_reg_reconnect:")) << out;
+    EXPECT_EQ(-1, ss_rt_tbl_ctl.log_cnt);
+}
+
+TEST_F(RtTblDbg, DebugCommandClampsTheLevel) {
+    const std::string list = "\n dbg level                 name\n"
+                             "         0                CLOSE\n"
+                             "         1                ERROR\n"
+                             "         2                BRIEF\n"
+                             "         3                EVENT\n"
+                             "         4              WARNING\n"
+                             "         5                 INFO\n"
+                             "         6            HIGH FREQ\n"
+                             "         7                  ALL\n";
+    int rv = 1;
+    EXPECT_EQ(list + "\ndbg level       :ALL\ndbg log cnt     :-1\n", run(tbl_cmd_debug, 9, -1, &rv));
+    EXPECT_EQ(0, rv);
+    EXPECT_EQ(RT_DBG_ALL, ss_rt_tbl_ctl.dbg_level);
+    EXPECT_EQ(list + "\ndbg level       :CLOSE\ndbg log cnt     :25\n", run(tbl_cmd_debug, -3, 25, &rv));
+    EXPECT_EQ(RT_DBG_CLOSE, ss_rt_tbl_ctl.dbg_level);
+    EXPECT_EQ(25, ss_rt_tbl_ctl.log_cnt);
+}
+
+std::string history_row(const char *name, int count, int history, const ss_rt_tbl_hist_t &h,
+                        const char *level, bool red) {
+    return fmt(red ? "\033[1;31m\n[ERROR]\n%20s %8d %8d %8d %8d %8d %8s\n\033[0m"
+                   : "%-20s %8d %8d %8d %8d %8d %8s\n",
+               name, count, history, h.data1, h.data2, h.line, level);
+}
+
+// One table in two slots, two history rows hit: "param" (plain) and "init" (red).
+std::string expected_info(const void *global, const ss_rt_tbl_t *t, bool cleaned) {
+    // Two ERROR lines were printed before: the budget shows 998.
+    std::string s = "\ndbg level       :ERROR\ndbg log cnt     :998\ntable max num   :2"
+                    "\ntable cur num   :1\nconn func       :(nil)\nreconn func     :(nil)"
+                    "\nreconn exit     :0x1";
+    s += fmt("\nglobal          :%p", global);
+    s += "\nmodule          :rt-test";
+    s += "\nvalid is_skip cgst  idx  db_name (db)     type  conn_st   sub_st cnt:add_op   "
+         "del_op   get_op  add_msg  del_msg is_batch\n";
+    s += "u_mpls.udp_ilm\n";
+    s += "    1    0    0    0  APP_FWD    6   STRING     NULL   IGNORE          3        0"
+         "        0        0        0     true\n";
+    s += fmt("%8s: %-10p%8s: %-10p%8s: %-10p%8s: %-10p\n", "item", (void *)t->item, "item_key",
+             (void *)t->item_key, "add_func", (void *)nullptr, "del_func", (void *)nullptr);
+    s += "\nidx:1 not valid\ntable dump cnt  :1";
+    s += "\n                name    count  history    data1    data2     line    level\n";
+    const ss_rt_tbl_hist_t *h = ss_rt_tbl_hist;
+    int now = cleaned ? 0 : 1, before = cleaned ? 1 : 0;
+    s += history_row("--- tbl begin ---", 0, 0, h[0], "NULL", false);
+    s += history_row("param", now, before, h[1], "WARNING", false);
+    s += history_row("init", now, before, h[14], "ERROR", true);
+    s += history_row("--- tbl end   ---", 0, 0, h[15], "NULL", false);
+    return s;
+}
+
+TEST_F(RtTblDbg, ShowInfoCleanedTwice) {
+    init(2);
+    ss_rt_tbl_t *t = ilm_tbl(6);
+    for (int i = 0; i < 3; ++i) t->cnt.add_op++;
+    UMpls__UdpIlm item = U_MPLS__UDP_ILM__INIT;
+    EXPECT_EQ(nullptr, ss_rt_tbl_create_detail(6, 3, &item, sizeof item, 0, nullptr, 0));
+    EXPECT_EQ(-11, ss_rt_tbl_init(&ctx_, "rt-test", 2));
+    int rv = 1;
+    EXPECT_EQ(expected_info(&ctx_, t, false), run(tbl_cmd_show_info, 1, 0, &rv));
+    EXPECT_EQ(0, rv);
+    EXPECT_EQ(expected_info(&ctx_, t, true), run(tbl_cmd_show_info, 1, 1, &rv));
+    EXPECT_EQ(0u, hist(RT_HIST_PARAM).count);
+    EXPECT_EQ(1u, hist(RT_HIST_PARAM).history);
+}
+
+TEST_F(RtTblDbg, ShowInfoWithoutTables) {
+    int rv = 1;
+    std::string out = run(tbl_cmd_show_info, 0, 0, &rv);
+    EXPECT_NE(std::string::npos, out.find("\ntable max num   :0\ntable cur num   :0")) << out;
+    EXPECT_NE(std::string::npos, out.find("\nNO TABLE\nvalid ")) << out;
+    EXPECT_NE(std::string::npos, out.find("\ntable dump cnt  :0\n")) << out;
+}
+
+TEST_F(RtTblDbg, SetSkipAndBatchBounds) {
+    init(3);
+    ss_rt_tbl_t *t = ilm_tbl(6);
+    int rv = 0;
+    EXPECT_EQ("\ntbl_idx:1 is_skip:1\ntbl_idx >= tbl_cur_num:1", run(tbl_cmd_set_skip, 1, 1, &rv));
+    EXPECT_EQ(-4, rv);
+    EXPECT_EQ("\ntbl_idx:-1 is_skip:1\ntbl_idx >= tbl_cur_num:1", run(tbl_cmd_set_skip, -1, 1, &rv));
+    EXPECT_EQ(-4, rv);
+    EXPECT_EQ(0, t->is_skip);
+    std::string out = run(tbl_cmd_set_skip, 0, 5, &rv);
+    EXPECT_EQ(0, rv);
+    EXPECT_EQ(1, t->is_skip);
+    EXPECT_EQ(0u, out.find("\ntbl_idx:0 is_skip:5\n\nvalid is_skip")) << out;
+    EXPECT_NE(std::string::npos, out.find("u_mpls.udp_ilm\n    1    1    0")) << out;
+    out = run(tbl_cmd_set_batch, 0, 0, &rv);
+    EXPECT_EQ(1u, t->set_opt);
+    EXPECT_NE(std::string::npos, out.find("    false\n")) << out;
+    run(tbl_cmd_set_batch, 0, 7, &rv);
+    EXPECT_EQ(0u, t->set_opt);
+    EXPECT_EQ("\ntbl_idx:3 is_batch:0\ntbl_idx >= tbl_cur_num:1", run(tbl_cmd_set_batch, 3, 0, &rv));
+    EXPECT_EQ(-4, rv);
+}
+
+TEST_F(RtTblDbg, SetReconnExit) {
+    int rv = 1;
+    EXPECT_EQ("is_exit:0", run(tbl_cmd_set_reconn_exit, 0, 0, &rv));
+    EXPECT_EQ(0, ss_rt_tbl_ctl.reconn_exit);
+    EXPECT_EQ("is_exit:9", run(tbl_cmd_set_reconn_exit, 9, 0, &rv));
+    EXPECT_EQ(1, ss_rt_tbl_ctl.reconn_exit);
+}
+
+TEST_F(RtTblDbg, CommandsReachTheDebugService) {
+    EXPECT_EQ(-1, ss_rt_tbl_ut_init(nullptr));
+    ASSERT_EQ(0, ss_rt_tbl_ut_init("rt-test-mod"));
+    std::string out;
+    EXPECT_EQ(0, ssat_run_local("rt-test-mod", "tbl-debug dbg_level:9 log_cnt:-1", out));
+    EXPECT_NE(std::string::npos, out.find("\ndbg level       :ALL\ndbg log cnt     :-1\n")) << out;
+    EXPECT_EQ(0, ssat_run_local("rt-test-mod", "tbl-set-reconn-exit is_exit:0", out));
+    EXPECT_EQ("is_exit:0", out);
+    EXPECT_EQ(-4, ssat_run_local("rt-test-mod", "tbl-set-skip tbl_idx:0 is_skip:1", out));
+    EXPECT_EQ("\ntbl_idx:0 is_skip:1\ntbl_idx >= tbl_cur_num:0", out);
+    // A request without its arguments gets the registered format back.
+    EXPECT_EQ(-4, ssat_run_local("rt-test-mod", "tbl-set-batch", out));
+    EXPECT_NE(std::string::npos, out.find("tbl-set-batch tbl_idx:%d is_batch:%d")) << out;
+    EXPECT_EQ(-4, ssat_run_local("rt-test-mod", "tbl-show-info", out));
+    EXPECT_NE(std::string::npos, out.find("tbl-show-info is_clean:%d is_detail:%d")) << out;
+    ssat_lib_reset();
+}
+
+}  // namespace
