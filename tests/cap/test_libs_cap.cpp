@@ -1,0 +1,168 @@
+// Capability service front end over the in-memory store.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/cap/libs_cap.h"
+#include "platform/cap/libs_cap_mem.h"
+
+namespace {
+struct seen_t {
+    uint32_t event;
+    std::string path, value;
+};
+std::vector<seen_t> g_seen;
+std::vector<uint32_t> g_events;
+int g_int_at_ready = -1;
+
+int record(void *, libs_cap_msg_t *m) {
+    g_seen.push_back({m->event, m->path, m->value});
+    return 0;
+}
+int on_event(uint32_t event) {
+    g_events.push_back(event);
+    int32_t v = -1;
+    libs_cap_ce_get_g_cap_int32(nullptr, "cap/a", &v);  // values are readable when the event fires
+    g_int_at_ready = v;
+    return 0;
+}
+
+int g_ctx;  // stands in for the process context
+
+class LibsCapTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        libs_cap_reset();
+        libs_cap_mem_install();
+        g_seen.clear();
+        g_events.clear();
+        g_int_at_ready = -1;
+    }
+    void TearDown() override { libs_cap_reset(); }
+    void start() {
+        ASSERT_EQ(0, libs_cap_event_callback_reg("mod", on_event, 1));
+        ASSERT_EQ(0, libs_cap_init(&g_ctx, "mod"));
+    }
+};
+
+TEST(LibsCapParse, Int32AndBoolTexts) {
+    struct {
+        const char *text;
+        int rv;
+        int32_t value;
+    } ints[] = {{"0", 0, 0},
+                {"-7", 0, -7},
+                {"+5", 0, 5},
+                {"2147483647", 0, INT32_MAX},
+                {"-2147483648", 0, INT32_MIN},
+                {"2147483648", -11, 0},
+                {"", -11, 0},
+                {"12a", -11, 0},
+                {" 1", -11, 0},
+                {"-", -11, 0},
+                {"true", -11, 0}};
+    for (const auto &c : ints) {
+        int32_t v = 0;
+        EXPECT_EQ(c.rv, libs_cap_parse_int32(c.text, &v)) << c.text;
+        if (c.rv == 0) {
+            EXPECT_EQ(c.value, v) << c.text;
+        }
+    }
+    struct {
+        const char *text;
+        int rv;
+        bool value;
+    } bools[] = {{"true", 0, true},    {"false", 0, false}, {"1", 0, true},  {"0", 0, false},
+                 {"TRUE", -11, false}, {"yes", -11, false}, {"", -11, false}};
+    for (const auto &c : bools) {
+        bool v = false;
+        EXPECT_EQ(c.rv, libs_cap_parse_bool(c.text, &v)) << c.text;
+        if (c.rv == 0) {
+            EXPECT_EQ(c.value, v) << c.text;
+        }
+    }
+}
+
+TEST_F(LibsCapTest, InitNeedsAStoreThatStarts) {
+    EXPECT_EQ(-4, libs_cap_init(nullptr, "mod"));
+    EXPECT_EQ(-4, libs_cap_event_callback_reg("mod", nullptr, 1));
+    libs_cap_mem_fail_start(true);
+    EXPECT_EQ(-17, libs_cap_init(&g_ctx, "mod"));
+    libs_cap_reset();  // no backend installed any more
+    EXPECT_EQ(-17, libs_cap_init(&g_ctx, "mod"));
+}
+
+TEST_F(LibsCapTest, GettersAnswerFromTheLastRead) {
+    libs_cap_mem_set("cap/a", "42");
+    libs_cap_mem_set_bool("cap/b", true);
+    libs_cap_mem_set("cap/bad", "4x");
+    start();
+    int32_t v = 0;
+    EXPECT_EQ(-7, libs_cap_ce_get_g_cap_int32(&g_ctx, "cap/a", &v));  // nothing read before ready
+    libs_cap_mem_fire_event(LIBS_CAP_EVT_GLOBAL_READY);
+    ASSERT_EQ(std::vector<uint32_t>{0}, g_events);
+    EXPECT_EQ(42, g_int_at_ready);
+    bool b = false;
+    EXPECT_EQ(0, libs_cap_ce_get_g_cap_bool(&g_ctx, "cap/b", &b));
+    EXPECT_TRUE(b);
+    EXPECT_EQ(-11, libs_cap_ce_get_g_cap_int32(&g_ctx, "cap/bad", &v));
+    EXPECT_EQ(-11, libs_cap_ce_get_g_cap_int32(&g_ctx, "cap/b", &v));
+    EXPECT_EQ(-7, libs_cap_ce_get_g_cap_int32(&g_ctx, "cap/none", &v));
+    EXPECT_EQ(-4, libs_cap_ce_get_g_cap_int32(&g_ctx, "cap/a", nullptr));
+
+    libs_cap_mem_fail_reads(true);  // a failed read forgets every value
+    libs_cap_mem_fire_event(LIBS_CAP_EVT_GLOBAL_READY);
+    EXPECT_EQ(-7, libs_cap_ce_get_g_cap_int32(&g_ctx, "cap/a", &v));
+    libs_cap_mem_fire_event(LIBS_CAP_EVT_FE_L3VPN_READY);
+    EXPECT_EQ((std::vector<uint32_t>{0, 0, 1}), g_events);
+}
+
+TEST_F(LibsCapTest, ChangeCallbacksOnlyForSubscribedPathsThatChanged) {
+    libs_cap_mem_set("cap/a", "1");
+    ASSERT_EQ(0, libs_cap_ce_subscribe_g_cap_int32(&g_ctx, "cap/a", record));  // before start
+    start();
+    libs_cap_mem_fire_event(LIBS_CAP_EVT_GLOBAL_READY);
+    ASSERT_EQ(0, libs_cap_ce_subscribe_g_cap_bool(&g_ctx, "cap/b", record));
+    ASSERT_EQ(2u, g_seen.size());
+    EXPECT_EQ(29u, g_seen[0].event);
+    EXPECT_EQ("cap/a", g_seen[0].path);
+    EXPECT_EQ(29u, g_seen[1].event);
+    EXPECT_EQ("cap/b", g_seen[1].path);
+    g_seen.clear();
+
+    libs_cap_mem_set("cap/a", "1");      // same as the last read
+    libs_cap_mem_set("cap/other", "3");  // nobody follows it
+    libs_cap_mem_set("cap/a", "2");
+    libs_cap_mem_set_bool("cap/b", false);
+    libs_cap_mem_remove("cap/a");  // a removal carries no value
+    ASSERT_EQ(2u, g_seen.size());
+    EXPECT_EQ(4u, g_seen[0].event);
+    EXPECT_EQ("cap/a", g_seen[0].path);
+    EXPECT_EQ("2", g_seen[0].value);
+    EXPECT_EQ("cap/b", g_seen[1].path);
+    EXPECT_EQ("false", g_seen[1].value);
+}
+
+TEST_F(LibsCapTest, ByMessageGetters) {
+    libs_cap_msg_t m{};
+    m.event = LIBS_CAP_MSG_CHANGED;
+    snprintf(m.path, sizeof m.path, "s_mpls/l3vpn/capacity/ilm");
+    snprintf(m.value, sizeof m.value, "-12");
+    char key[256];
+    int32_t v = 0;
+    uint32_t aux = 99;
+    ASSERT_EQ(0, libs_cap_ce_get_g_cap_int32_by_pmsg(&m, sizeof key, key, &v, &aux));
+    EXPECT_STREQ("s_mpls/l3vpn/capacity/ilm", key);
+    EXPECT_EQ(-12, v);
+    EXPECT_EQ(0u, aux);
+    EXPECT_EQ(0, libs_cap_ce_get_g_cap_int32_by_pmsg(&m, 26, key, &v, nullptr));  // exactly fits
+    EXPECT_EQ(-11, libs_cap_ce_get_g_cap_int32_by_pmsg(&m, 25, key, &v, nullptr));
+    bool b = false;
+    EXPECT_EQ(-11, libs_cap_ce_get_g_cap_bool_by_pmsg(&m, sizeof key, key, &b, nullptr));
+    snprintf(m.value, sizeof m.value, "true");
+    EXPECT_EQ(0, libs_cap_ce_get_g_cap_bool_by_pmsg(&m, sizeof key, key, &b, nullptr));
+    EXPECT_TRUE(b);
+    EXPECT_EQ(-4, libs_cap_ce_get_g_cap_bool_by_pmsg(nullptr, sizeof key, key, &b, nullptr));
+}
+}  // namespace
