@@ -1,0 +1,160 @@
+// Names, label normalisation, the label-stack log line and the message dumps.
+#include <vector>
+
+#include "app/proc/ce_l3vpn_dump.h"
+#include "l3vpn/ss_mpls_dbg.h"
+#include "parse_test_util.h"
+
+namespace {
+bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
+TEST(MsgNames, OpcodesOwnersEvents) {
+    const std::vector<std::pair<uint32_t, const char *>> ops = {
+        {0, "INVALID"}, {3, "SWAP"}, {5, "POP_L3SWITCH"}, {10, "POP_DLVR_LOCAL"},
+        {11, "DROP"},   {12, "MAX"}, {13, "ERROR"},       {255, "ERROR"}};
+    for (auto [op, name] : ops) EXPECT_STREQ(ce_opcode_name(op), name) << op;
+    EXPECT_STREQ(ce_owner_name(1), "ftn");
+    EXPECT_STREQ(ce_owner_name(2), "vc_ftn");
+    EXPECT_STREQ(ce_owner_name(3), "ilm");
+    EXPECT_STREQ(ce_owner_name(0), "unknown");
+    EXPECT_STREQ(ce_msg_event_name(1), "add");
+    EXPECT_STREQ(ce_msg_event_name(2), "del");
+}
+
+TEST(MsgLabels, ImplicitNullKeptOnTopOnly) {
+    struct Case {
+        std::vector<uint32_t> wire;
+        std::vector<uint32_t> want;
+    };
+    const std::vector<Case> cases = {
+        {{3, 3, 100}, {CE_MPLS_LABEL_NONE, 100}}, {{100, 3}, {100}}, {{3}, {CE_MPLS_LABEL_NONE}},
+        {{}, {}}, {{1, 2, 3, 4, 3, 5, 6, 7}, {1, 2, 4, 5, 6, 7}}};
+    for (const auto &c : cases) {
+        ce_msg_data_t d;
+        memset(&d, 0xEE, sizeof d);
+        ce_msg_label_normalise(&d, c.wire.data(), static_cast<uint32_t>(c.wire.size()));
+        ASSERT_EQ(d.n_labels, c.want.size());
+        for (size_t i = 0; i < 8; ++i) EXPECT_EQ(d.labels[i], i < c.want.size() ? c.want[i] : 0u);
+    }
+}
+
+TEST(MsgAddr, ZeroTestAndV4Word) {
+    uint8_t ip[16] = {};
+    ip[5] = 1;  // beyond an IPv4 address
+    EXPECT_TRUE(mpls_is_ip_zero(ip, CE_PRO_IPV4));
+    EXPECT_FALSE(mpls_is_ip_zero(ip, CE_PRO_IPV6));
+    ip[0] = 10;
+    EXPECT_FALSE(mpls_is_ip_zero(ip, CE_PRO_IPV4));
+    EXPECT_EQ(ce_ip_v4_word(ip), v4_word(10, 0, 0, 0));
+}
+
+TEST(LabelStack, LinesAndLevel) {
+    const uint32_t labels[9] = {100, 200, 300, 400, 500, 600, 700, 800, 900};
+    {
+        LogCapture log;
+        ce_l3vpn_dbg_level = CE_L3VPN_INFO;
+        mpls_zlog_print_label_stack(2, labels);
+        EXPECT_EQ(log.text(), "");
+    }
+    LogCapture log;
+    mpls_zlog_print_label_stack(0, labels);
+    mpls_zlog_print_label_stack(3, nullptr);
+    mpls_zlog_print_label_stack(9, labels);
+    mpls_zlog_print_label_stack(2, labels);
+    mpls_zlog_print_label_stack(8, labels);
+    std::string t = log.text();
+    EXPECT_NE(t.find("label stack: nil \n"), t.rfind("label stack: nil \n"));  // twice
+    EXPECT_TRUE(has(t, "label stack: Error n_label:9\n"));
+    EXPECT_FALSE(has(t, "lab0:100 lab1:200 lab2:300 lab3:400 lab4:500 lab5:600 lab6:700 lab7:800 lab8"));
+    EXPECT_TRUE(has(t, ":  label stack: lab0:100 lab1:200 lab2:0 lab3:0 lab4:0 lab5:0 lab6:0 lab7:0\n"));
+    EXPECT_TRUE(has(t, " label stack: lab0:100 lab1:200 lab2:300 lab3:400 lab4:500 lab5:600 lab6:700 "
+                       "lab7:800\n"));
+    EXPECT_TRUE(has(t, "DEBUG app/proc/../../l3vpn/ss_mpls_dbg:"));
+    EXPECT_TRUE(has(t, " mpls_zlog_print_label_stack: "));
+}
+
+ce_msg_comm_t ilm_v6() {
+    ce_msg_comm_t m;
+    memset(&m, 0, sizeof m);
+    m.msg_event = CE_MSG_EVENT_ADD;
+    m.owner = CE_OWNER_ILM;
+    m.key.ilm.inlabel = 100;
+    m.nhop.pro = CE_PRO_IPV6;
+    m.nhop.ip[0] = 0xfe, m.nhop.ip[1] = 0x80, m.nhop.ip[15] = 1;
+    m.nhop.ifx = 3;
+    m.nhop_attr.weight = 1;
+    m.data.opcode = CE_OP_SWAP, m.data.n_labels = 1, m.data.labels[0] = CE_MPLS_LABEL_NONE;
+    m.data.vrf = 7, m.data.ilm_vc_ifx = 8;
+    return m;
+}
+
+TEST(MsgDump, CommLogsEveryPart) {
+    ce_msg_comm_t ftn;
+    memset(&ftn, 0, sizeof ftn);
+    ftn.msg_event = CE_MSG_EVENT_DEL, ftn.owner = CE_OWNER_FTN;
+    ftn.key.ftn.vrf = 5, ftn.key.ftn.mask_len = 16;
+    uint32_t w = v4_word(10, 1, 0, 0);
+    memcpy(ftn.key.ftn.ip, &w, 4);
+    ftn.data.opcode = CE_OP_PUSH;
+    ce_msg_comm_t ilm = ilm_v6();
+    ce_msg_comm_t vc = ilm_v6();
+    vc.owner = CE_OWNER_VC_FTN, vc.key.vc_ftn.vc_ifx = 40;
+    vc.data.vc_mode = 5, vc.data.sd_vid = 100, vc.data.cw = 1, vc.data.vc_ifx = 40;
+
+    LogCapture log;
+    EXPECT_EQ(ce_l3vpn_dump_msg_comm(&ftn), 0);
+    EXPECT_EQ(ce_l3vpn_dump_msg_comm(&ilm), 0);
+    EXPECT_EQ(ce_l3vpn_dump_msg_comm(&vc), 0);
+    EXPECT_EQ(ce_l3vpn_dump_msg_comm(nullptr), 4);
+    std::string t = log.text();
+    const char *lines[] = {
+        "\t onwer:ftn, msg_event:del,\n",
+        "\t key==>pro:0, vrf:5, mask_len:16, ip:010.001.000.000\n",
+        "\t nhop==>pro:0, ip:000.000.000.000, ifx:0\n",
+        "\t nhop_attr==>vrf:0, ifx_type:0, weight:0, seq:0\n",
+        "\t data==>opcode:PUSH, n_label:0\n",
+        "label stack: nil \n",
+        "\t onwer:ilm, msg_event:add,\n",
+        "\t key==>inlabel:100\n",
+        "\t nhop==>pro:1, ip:fe80::1, ifx:3\n",
+        "\t data==>opcode:SWAP, n_label:1\n",
+        "lab0:1048576 lab1:0",
+        "\t vrf:7, vc_ifx:8\n",
+        "\t onwer:vc_ftn, msg_event:add,\n",
+        "\t key==>vc_ifx:40\n",
+        "\t vc_mode:5, sd_vid:100, cw:1, vc_ifx:40\n",
+        "Fail, msg NULL, ",
+    };
+    for (const char *line : lines)
+        EXPECT_TRUE(has(t, line)) << line;
+}
+
+TEST(MsgDump, StatusCnt) {
+    ce_msg_status_cnt_t c;
+    memset(&c, 0, sizeof c);
+    c.index = 12, c.timestamp = 123456789012ull, c.bytes = 5000000000ull, c.pkts = 77;
+    LogCapture log;
+    EXPECT_EQ(ce_l3vpn_dump_msg_status_cnt(&c), 0);
+    EXPECT_TRUE(has(log.text(), "\t V4: status_cnt==>timestamp:123456789012, bytes:5000000000, pkts:77\n"));
+}
+
+TEST(MsgDump, TextIsAlignedAndBounded) {
+    ce_msg_comm_t m = ilm_v6();
+    char buf[512];
+    int n = ce_l3vpn_msg_comm_to_text(&m, buf, sizeof buf);
+    const std::string want =
+        "owner      : ilm        event : add\n"
+        "key        : inlabel 100\n"
+        "nhop       : fe80::1  pro 1  ifx 3\n"
+        "nhop_attr  : vrf 0  ifx_type 0  weight 1  seq 0\n"
+        "opcode     : SWAP (3)\n"
+        "labels     : 1 [imp-null]\n"
+        "ilm        : vrf 7  vc_ifx 8\n";
+    EXPECT_EQ(buf, want);
+    EXPECT_EQ(n, static_cast<int>(want.size()));
+    char small[20];
+    EXPECT_EQ(ce_l3vpn_msg_comm_to_text(&m, small, sizeof small), n);
+    EXPECT_EQ(std::string(small), want.substr(0, 19));
+    EXPECT_EQ(ce_l3vpn_msg_comm_to_text(&m, nullptr, 0), n);
+}
+}  // namespace

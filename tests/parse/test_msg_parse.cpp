@@ -1,0 +1,365 @@
+// Parser tables: every refusal with its code, error rows and log lines, and
+// every accepted record compared whole against one built field by field.
+#include <ctime>
+#include <functional>
+#include <vector>
+
+#include "parse_test_util.h"
+
+namespace {
+struct FtnWire {
+    PMpls__MomMsgFtn msg = P_MPLS__MOM_MSG_FTN__INIT;
+    PMpls__FtnIndex idx = P_MPLS__FTN_INDEX__INIT;
+    Addr prefix, con_nh;
+    FtnWire() {
+        msg.index = &idx;
+        idx.vrf_id = 5;
+        idx.prefix = prefix.set(A::V4, v4_word(10, 1, 0, 0));
+        idx.prefix_len = 16;
+        idx.out_ifx = 7;
+        idx.con_nh = con_nh.set(A::V4, v4_word(10, 0, 0, 1));
+        idx.lb_cnt = 2;
+        idx.lb_st_0 = 100;
+        idx.lb_st_1 = 200;
+        idx.opcode = CE_OP_PUSH;
+    }
+};
+
+struct VcFtnWire {
+    UMpls__UdpVcFtn msg = U_MPLS__UDP_VC_FTN__INIT;
+    UMpls__UdpVcFtnKey idx = U_MPLS__UDP_VC_FTN_KEY__INIT;
+    Addr co_nhop;
+    uint32_t labels[12] = {16, 3, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26};
+    VcFtnWire() {
+        msg.index = &idx;
+        idx.vc_ifx = 40;
+        idx.co_nhop = co_nhop.set(A::V4, v4_word(10, 0, 0, 2));
+        idx.out_ifx = 9;
+        msg.opcode = CE_OP_PUSH;
+        msg.n_label_stack = 3;
+        msg.label_stack = labels;
+        msg.vc_mode = 0x105;
+        msg.sd_vid = 100;
+        msg.cw = 1;
+    }
+};
+
+struct IlmWire {
+    PMpls__MomMsgIlm msg = P_MPLS__MOM_MSG_ILM__INIT;
+    PMpls__IlmIndex idx = P_MPLS__ILM_INDEX__INIT;
+    Addr co_nhop;
+    IlmWire() {
+        msg.index = &idx;
+        idx.in_label = 100;
+        idx.co_nhop = co_nhop.set(A::V4, v4_word(10, 0, 0, 3));
+        idx.out_ifx = 3;
+        idx.opcode = CE_OP_SWAP;
+        idx.lb_cnt = 1;
+        idx.lb_st_0 = 200;
+        msg.vrfid = 7;
+        msg.vc_ifx = 8;
+    }
+};
+
+struct InAdjWire {
+    SRoute__InSubAdj msg = S_ROUTE__IN_SUB_ADJ__INIT;
+    SRoute__InSubAdjKey idx = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
+    Addr ip;
+    uint32_t labels[9] = {16, 3};
+    InAdjWire() {
+        msg.index = &idx;
+        idx.t_rt_owner = CE_RT_OWNER_FTN;
+        idx.ifx = 44;
+        idx.ip = ip.set(A::V4, v4_word(10, 0, 0, 4));
+        idx.mplsid = 0x500000009ull;
+        msg.opcode = CE_OP_PUSH;
+        msg.n_labels = 2;
+        msg.labels = labels;
+        msg.vc_mode = 0x104;
+        msg.sd_vid = 10;
+        msg.cw = 1;
+        msg.vrf = 6;
+    }
+};
+
+using M = ce_msg_comm_t;
+using Run = std::function<int(M *)>;
+template <typename W> using Edit = std::function<void(W &)>;
+
+Run ftn(Edit<FtnWire> e, uint8_t add = 1) {
+    return [=](ce_msg_comm_t *o) { FtnWire w; e(w); return ce_l3vpn_msg_ftn_parse(o, &w.msg, add); };
+}
+Run vc(Edit<VcFtnWire> e, uint8_t add = 1) {
+    return [=](ce_msg_comm_t *o) { VcFtnWire w; e(w); return ce_l3vpn_msg_vc_ftn_parse(o, &w.msg, add); };
+}
+Run ilm(Edit<IlmWire> e, uint8_t add = 1) {
+    return [=](ce_msg_comm_t *o) { IlmWire w; e(w); return ce_l3vpn_msg_ilm_parse(o, &w.msg, add); };
+}
+Run in_adj(Edit<InAdjWire> e) {
+    return [=](ce_msg_comm_t *o) {
+        InAdjWire w;
+        e(w);
+        uint64_t id = 0;
+        return ce_l3vpn_msg_in_adj_parse(o, &id, &w.msg);
+    };
+}
+
+void put_v4(uint8_t *ip, uint32_t w) { memcpy(ip, &w, 4); }
+
+ce_msg_comm_t blank(uint32_t owner, uint8_t event = CE_MSG_EVENT_ADD) {
+    ce_msg_comm_t e;
+    memset(&e, 0, sizeof e);
+    e.msg_event = event;
+    e.owner = owner;
+    if (event == CE_MSG_EVENT_ADD) e.nhop_attr.weight = 1;
+    return e;
+}
+ce_msg_comm_t ftn_expect(uint8_t event = CE_MSG_EVENT_ADD) {
+    ce_msg_comm_t e = blank(CE_OWNER_FTN, event);
+    e.key.ftn.mask_len = 16;
+    e.key.ftn.vrf = 5;
+    put_v4(e.key.ftn.ip, v4_word(10, 1, 0, 0));
+    put_v4(e.nhop.ip, v4_word(10, 0, 0, 1));
+    e.nhop.ifx = 7;
+    e.data = {CE_OP_PUSH, 2, {}, {100, 200}, {}, {}, 0, 0};
+    return e;
+}
+ce_msg_comm_t vc_expect(uint8_t event = CE_MSG_EVENT_ADD) {
+    ce_msg_comm_t e = blank(CE_OWNER_VC_FTN, event);
+    e.key.vc_ftn.vc_ifx = 40;
+    put_v4(e.nhop.ip, v4_word(10, 0, 0, 2));
+    e.nhop.ifx = 9;
+    if (event == CE_MSG_EVENT_ADD) e.data = {CE_OP_PUSH, 3, {}, {16, 3, 17}, {5}, {100}, 1, 40};
+    return e;
+}
+ce_msg_comm_t ilm_expect(uint8_t event = CE_MSG_EVENT_ADD) {
+    ce_msg_comm_t e = blank(CE_OWNER_ILM, event);
+    e.key.ilm.inlabel = 100;
+    put_v4(e.nhop.ip, v4_word(10, 0, 0, 3));
+    e.nhop.ifx = 3;
+    e.data.opcode = CE_OP_SWAP;
+    e.data.n_labels = 1;
+    e.data.labels[0] = 200;
+    if (event == CE_MSG_EVENT_ADD) e.data.vrf = 7, e.data.ilm_vc_ifx = 8;
+    return e;
+}
+int status_cnt(const SMpls__SrteStatusCnt *wire) {
+    ce_msg_status_cnt_t c;
+    return ce_l3vpn_msg_status_cnt_parse(&c, wire);
+}
+ce_msg_comm_t in_adj_expect(uint8_t owner) {
+    ce_msg_comm_t e = blank(owner, 0);
+    e.data = {CE_OP_PUSH, 2, {}, {16, 3}, {}, {}, 0, 0};
+    if (owner == CE_OWNER_VC_FTN) e.data.vc_mode = 4, e.data.sd_vid = 10, e.data.cw = 1, e.data.vc_ifx = 44;
+    if (owner == CE_OWNER_ILM) e.data.vrf = 6, e.data.ilm_vc_ifx = 44;
+    return e;
+}
+
+struct Refusal {
+    const char *name;
+    Run run;
+    int rv;
+    RowDelta rows;
+    std::vector<const char *> logs;
+};
+
+const std::vector<Refusal> &refusals() {
+    static const std::vector<Refusal> t = {
+        {"ftn null", [](M *o) { return ce_l3vpn_msg_ftn_parse(o, nullptr, 1); }, 4, {{36, 1}},
+         {"Fail, ftn NULL, "}},
+        {"ftn index null", ftn([](auto &w) { w.msg.index = nullptr; }), 4, {{36, 1}},
+         {"Fail, ftn->index NULL, "}},
+        {"ftn bsid", ftn([](auto &w) { w.idx.bsid = 5; }), 4, {{25, 1}},
+         {"fail:ftn->index->bsid == 0 code:25 bsid = 5"}},
+        {"ftn prefix absent", ftn([](auto &w) { w.idx.prefix = nullptr; }), -4, {{37, 1}},
+         {"Fail, rv -4, ftn key's prefix"}},
+        {"ftn prefix unset", ftn([](auto &w) { w.prefix.set(A::Unset); }), -11, {{37, 1}},
+         {"Fail, rv -11, ftn key's prefix"}},
+        {"ftn prefix v4b 15", ftn([](auto &w) { w.prefix.set(A::V4b, 1, 15); }), -6, {{37, 1}},
+         {"Fail, rv -6, ftn key's prefix"}},
+        {"ftn prefix v4b 4", ftn([](auto &w) { w.prefix.set(A::V4b, 1, 4); }), -6, {{37, 1}}, {}},
+        {"ftn no con_nh", ftn([](auto &w) { w.idx.con_nh = nullptr; }), -4, {{37, 2}},
+         {"Fail, rv -4, nhop parse", "Fail, rv -4, ftn nhop"}},
+        {"ftn con_nh v4 missing", ftn([](auto &w) { w.con_nh.set(A::V4Missing); }), -11, {{37, 2}},
+         {"Fail, rv -11, ftn nhop"}},
+        {"ftn con_nh v6 15", ftn([](auto &w) { w.con_nh.set(A::V6, 1, 15); }), -6, {{37, 2}},
+         {"Fail, rv -6, nhop parse", "Fail, rv -6, ftn nhop"}},
+        {"ftn con_nh v6 no bytes", ftn([](auto &w) { w.con_nh.set(A::V6, 1, 0); }), -6, {{37, 2}}, {}},
+        {"ftn depth 9", ftn([](auto &w) { w.idx.lb_cnt = 9; }), 4, {{23, 1}},
+         {"fail:SS_MPLS_CHECK_LABEL_DEPTH_VALID(ftn->index->lb_cnt) code:23 9"}},
+        {"vc null", [](M *o) { return ce_l3vpn_msg_vc_ftn_parse(o, nullptr, 1); }, 4, {{36, 1}},
+         {"Fail, vc_ftn NULL, "}},
+        {"vc index null", vc([](auto &w) { w.msg.index = nullptr; }), 4, {{36, 1}},
+         {"Fail, vc_ftn->index NULL, "}},
+        {"vc co_nhop absent", vc([](auto &w) { w.idx.co_nhop = nullptr; }, 0), -4, {{37, 2}},
+         {"Fail, rv -4, vc_ftn nhop"}},
+        {"vc co_nhop v4b 17", vc([](auto &w) { w.co_nhop.set(A::V4b, 1, 17); }), -6, {{37, 2}},
+         {"Fail, rv -6, vc_ftn nhop"}},
+        {"vc add depth 12", vc([](auto &w) { w.msg.n_label_stack = 12; }), 4, {{23, 1}, {37, 1}},
+         {"fail:SS_MPLS_CHECK_LABEL_DEPTH_VALID(n_label_stack) code:23 error depth 12",
+          "Fail, rv 4, vc_ftn label_stack"}},
+        {"vc labels null", vc([](auto &w) { w.msg.label_stack = nullptr; }), 4, {{36, 1}, {37, 1}},
+         {"Fail, label_stack NULL, ", "Fail, rv 4, vc_ftn label_stack"}},
+        {"ilm null", [](M *o) { return ce_l3vpn_msg_ilm_parse(o, nullptr, 1); }, 4, {{36, 1}},
+         {"Fail, ilm NULL, "}},
+        {"ilm index null", ilm([](auto &w) { w.msg.index = nullptr; }), 4, {{36, 1}},
+         {"Fail, ilm->index NULL, "}},
+        {"ilm in_label 2^20", ilm([](auto &w) { w.idx.in_label = 1048576; }), 4, {{24, 1}},
+         {"fail:SS_MPLS_CHECK_LABEL_VALID(ilm->index->in_label) code:24 in_labels:1048576"}},
+        {"ilm co_nhop v6 15", ilm([](auto &w) { w.co_nhop.set(A::V6, 1, 15); }), -6, {{37, 2}},
+         {"Fail, rv -6, ilm nhop"}},
+        {"ilm depth 9", ilm([](auto &w) { w.idx.lb_cnt = 9; }), 4, {{23, 1}},
+         {"fail:SS_MPLS_CHECK_LABEL_DEPTH_VALID(ilm->index->lb_cnt) code:23 n_labels:9"}},
+        {"in_adj null", [](M *o) { return ce_l3vpn_msg_in_adj_parse(o, nullptr, nullptr); }, 4,
+         {{36, 1}}, {"Fail, in_adj NULL, "}},
+        {"in_adj index null", in_adj([](auto &w) { w.msg.index = nullptr; }), 4, {{36, 1}},
+         {"Fail, in_adj->index NULL, "}},
+        {"in_adj depth 9", in_adj([](auto &w) { w.msg.n_labels = 9; }), 4, {{23, 1}},
+         {"fail:SS_MPLS_CHECK_LABEL_DEPTH_VALID(in_adj->n_labels) code:23 n_labels:9"}},
+        {"in_adj labels null", in_adj([](auto &w) { w.msg.labels = nullptr; }), 4, {{36, 1}},
+         {"Fail, in_adj->labels NULL, "}},
+        {"in_adj owner 3", in_adj([](auto &w) { w.idx.t_rt_owner = 3; }), 1, {{38, 1}},
+         {"fail:0 code:38 FATAL ERROR ! unknown owner:0"}},
+        {"status_cnt null", [](M *) { return status_cnt(nullptr); }, 4, {{36, 1}},
+         {"Fail, StatusCnt NULL, "}},
+        {"status_cnt index null",
+         [](M *) {
+             SMpls__SrteStatusCnt m = S_MPLS__SRTE_STATUS_CNT__INIT;
+             return status_cnt(&m);
+         },
+         4, {{36, 1}}, {"Fail, StatusCnt->index NULL, "}},
+    };
+    return t;
+}
+
+TEST(MsgParse, RefusalsReturnTheirCodeCountTheirRowsAndLog) {
+    for (const auto &c : refusals()) {
+        SCOPED_TRACE(c.name);
+        ce_msg_comm_t out;
+        RowSnapshot before;
+        LogCapture log;
+        EXPECT_EQ(c.run(&out), c.rv);
+        std::string text = log.text();
+        EXPECT_EQ(before.delta(), c.rows);
+        for (const char *line : c.logs) EXPECT_NE(text.find(line), std::string::npos) << text;
+    }
+}
+
+TEST(MsgParse, RefusedFtnBsidLeavesTheOutputUntouched) {
+    ce_msg_comm_t out, ref;
+    memset(&out, 0xAB, sizeof out);
+    memcpy(&ref, &out, sizeof out);
+    EXPECT_EQ(ftn([](FtnWire &w) { w.idx.bsid = 5; })(&out), 4);
+    EXPECT_EQ(memcmp(&out, &ref, sizeof out), 0);
+}
+
+struct Accepted {
+    const char *name;
+    Run run;
+    std::function<ce_msg_comm_t()> expect;
+};
+
+// The base record of a parser with one edit.
+template <typename F> std::function<M()> want(M (*base)(uint8_t), F edit, uint8_t event = 1) {
+    return [=] { M e = base(event); edit(e); return e; };
+}
+constexpr auto kSame = [](auto &) {};
+template <typename I> void wire_labels(I &idx, uint32_t a, uint32_t b, uint32_t c) {
+    idx.lb_cnt = 3, idx.lb_st_0 = a, idx.lb_st_1 = b, idx.lb_st_2 = c;
+}
+
+const std::vector<Accepted> &accepted() {
+    static const std::vector<Accepted> t = {
+        {"ftn add", ftn(kSame), want(ftn_expect, kSame)},
+        {"ftn del", ftn(kSame, 0), want(ftn_expect, kSame, CE_MSG_EVENT_DEL)},
+        {"ftn no labels", ftn([](auto &w) { w.idx.lb_cnt = 0; }),
+         want(ftn_expect, [](M &e) { e.data.n_labels = 0, e.data.labels[0] = e.data.labels[1] = 0; })},
+        {"ftn {3,3,100}", ftn([](auto &w) { wire_labels(w.idx, 3, 3, 100); }),
+         want(ftn_expect, [](M &e) { e.data.labels[0] = CE_MPLS_LABEL_NONE, e.data.labels[1] = 100; })},
+        {"ftn {100,3}", ftn([](auto &w) { w.idx.lb_st_1 = 3; }),
+         want(ftn_expect, [](M &e) { e.data.n_labels = 1, e.data.labels[1] = 0; })},
+        {"ftn {3}", ftn([](auto &w) { w.idx.lb_cnt = 1, w.idx.lb_st_0 = 3; }), want(ftn_expect, [](M &e) {
+             e.data.n_labels = 1, e.data.labels[0] = CE_MPLS_LABEL_NONE, e.data.labels[1] = 0;
+         })},
+        {"ftn depth 8 reads zeros", ftn([](auto &w) { w.idx.lb_cnt = 8, w.idx.lb_st_5 = 6; }),
+         want(ftn_expect, [](M &e) { e.data.n_labels = 8, e.data.labels[5] = 6; })},
+        {"ftn v6 con_nh keys v6", ftn([](auto &w) { w.con_nh.set(A::V6, 0x20); }),
+         want(ftn_expect, [](M &e) { e.key.ftn.pro = e.nhop.pro = 1, v6_bytes(e.nhop.ip, 0x20); })},
+        {"ftn v6 prefix, v4 con_nh", ftn([](auto &w) { w.prefix.set(A::V6, 0x30); }),
+         want(ftn_expect, [](M &e) { v6_bytes(e.key.ftn.ip, 0x30); })},
+        {"ftn v4b prefix 16", ftn([](auto &w) { w.prefix.set(A::V4b, 0x40); }),
+         want(ftn_expect, [](M &e) { v6_bytes(e.key.ftn.ip, 0x40); })},
+        {"vc add", vc(kSame), want(vc_expect, kSame)},
+        {"vc del ignores 12 labels", vc([](auto &w) { w.msg.n_label_stack = 12; }, 0),
+         want(vc_expect, kSame, CE_MSG_EVENT_DEL)},
+        {"vc add 8 labels", vc([](auto &w) { w.msg.n_label_stack = 8; }), want(vc_expect, [](M &e) {
+             e.data.n_labels = 8;
+             for (int i = 3; i < 8; ++i) e.data.labels[i] = 15 + i;
+         })},
+        {"ilm add", ilm(kSame), want(ilm_expect, kSame)},
+        {"ilm del", ilm(kSame, 0), want(ilm_expect, kSame, CE_MSG_EVENT_DEL)},
+        {"ilm in_label 2^20-1", ilm([](auto &w) { w.idx.in_label = 1048575; }),
+         want(ilm_expect, [](M &e) { e.key.ilm.inlabel = 1048575; })},
+        {"ilm in_label 1 drops", ilm([](auto &w) { w.idx.in_label = 1; }),
+         want(ilm_expect, [](M &e) { e.key.ilm.inlabel = 1, e.data.opcode = CE_OP_DROP; })},
+        {"ilm {3,3,100}, bsid ignored",
+         ilm([](auto &w) { wire_labels(w.idx, 3, 3, 100), w.idx.bsid = 9; }), want(ilm_expect, [](M &e) {
+             e.data.n_labels = 2, e.data.labels[0] = CE_MPLS_LABEL_NONE, e.data.labels[1] = 100;
+         })},
+        {"in_adj ftn", in_adj(kSame), want(in_adj_expect, kSame, CE_OWNER_FTN)},
+        {"in_adj vc_ftn v6", in_adj([](auto &w) { w.idx.t_rt_owner = 8, w.idx.protocol = 1; }),
+         want(in_adj_expect, [](M &e) { e.nhop.pro = 1; }, CE_OWNER_VC_FTN)},
+        {"in_adj ilm", in_adj([](auto &w) { w.idx.t_rt_owner = 7; }),
+         want(in_adj_expect, kSame, CE_OWNER_ILM)},
+    };
+    return t;
+}
+
+TEST(MsgParse, AcceptedRecordsMatchWhole) {
+    for (const auto &c : accepted()) {
+        SCOPED_TRACE(c.name);
+        ce_msg_comm_t out, want = c.expect();
+        memset(&out, 0xAB, sizeof out);
+        RowSnapshot before;
+        ASSERT_EQ(c.run(&out), 0);
+        EXPECT_EQ(memcmp(&out, &want, sizeof out), 0);
+        EXPECT_TRUE(before.delta().empty());
+    }
+}
+
+TEST(MsgParse, InAdjHandsBackItsMplsId) {
+    InAdjWire w;
+    ce_msg_comm_t out;
+    uint64_t id = 0;
+    ASSERT_EQ(ce_l3vpn_msg_in_adj_parse(&out, &id, &w.msg), 0);
+    EXPECT_EQ(id, 0x500000009ull);
+}
+
+uint64_t now_ms() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return uint64_t(ts.tv_sec) * 1000 + uint64_t(ts.tv_nsec) / 1000000;
+}
+
+TEST(MsgParse, StatusCntStampsTheMonotonicClock) {
+    SMpls__SrteStatusCnt msg = S_MPLS__SRTE_STATUS_CNT__INIT;
+    SMpls__SrteCountIndex idx = S_MPLS__SRTE_COUNT_INDEX__INIT;
+    ce_msg_status_cnt_t out;
+    msg.index = &idx;
+    idx.tunnel_id = 12;
+    msg.timestamp = 1;
+    msg.bytes = 5000000000ull;
+    msg.pkts = 77;
+    memset(&out, 0xAB, sizeof out);
+    uint64_t lo = now_ms();
+    ASSERT_EQ(ce_l3vpn_msg_status_cnt_parse(&out, &msg), 0);
+    uint64_t hi = now_ms();
+    EXPECT_GE(out.timestamp, lo);
+    EXPECT_LE(out.timestamp, hi);
+    ce_msg_status_cnt_t want;
+    memset(&want, 0, sizeof want);
+    want.index = 12, want.timestamp = out.timestamp, want.bytes = 5000000000ull, want.pkts = 77;
+    EXPECT_EQ(memcmp(&out, &want, sizeof out), 0);
+}
+
+}  // namespace
