@@ -1,0 +1,294 @@
+// The log macro, the check macros, the error statistics table and the start-up
+// of the levels from their level files.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "app/proc/ce_l3vpn_err.h"
+#include "platform/zlog/tq_zlog.h"
+#include "route_table/ss_rt_tbl.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+struct row_want_t {
+    int code;
+    const char *name;
+    uint32_t level;
+};
+constexpr const char *kSep = "----------------";
+
+// Every named row; all others must be empty.
+const row_want_t kRows[] = {
+    {0, "--- MSG --------", 0}, {1, "MPLS_ENABLE", 1}, {2, "MPLS_DISABLE", 1},
+    {3, "TTL_COPY_ENABLE", 1}, {4, "TTL_COPY_DISABLE", 1}, {5, "LAB_SW_ENABLE", 1},
+    {6, "LAB_SW_DISABLE", 1}, {7, "FTN_ADD", 1}, {8, "FTN_DEL", 1}, {9, "VC_FTN_ADD", 1},
+    {10, "VC_FTN_DEL", 1}, {11, "ILM_ADD", 1}, {12, "ILM_DEL", 1}, {13, "IN_ADJ_CB", 1},
+    {14, "TTL_COPY_CB", 1}, {21, kSep, 0},
+    {22, "--- PARAM ------", 0}, {23, "LABEL_DEPTH", 3}, {24, "LABEL_INVALID", 3},
+    {26, "OPCODE", 3}, {27, "NHOP_EMPTY", 3}, {28, "OWNER", 3}, {29, "VC_IFX_ZERO", 3},
+    {30, kSep, 0},
+    {31, "--- APP --------", 0}, {32, "ZLOG_INIT", 4}, {33, "CAP_INIT", 4}, {34, "REG_HAM", 4},
+    {35, "CONN_DB", 4}, {36, "APP_PARSE", 4}, {37, "APP_GET_RV", 4}, {38, "ZLOG_INIT", 4},
+    {40, "APP_NODE_NOT_FOUND", 3}, {41, "NHOP_NODE_NOT_FOUND", 3}, {42, "APP_DB_CREATE_DB", 4},
+    {43, "APP_DB_MALLOC", 4}, {44, "NHOP_NODE_ADD", 4}, {45, "APP_NODE_ADD", 4},
+    {46, "IN_ADJ_NODE_ADD", 4}, {47, "NHOP_BIND_APP", 4}, {48, "NHOP_BIND_IN_ADJ", 4},
+    {49, "INTERBAL_NHOP_NUM", 4}, {50, "INTERBAL_NHOP_LIST", 4}, {51, kSep, 0},
+    {52, "---  CAP  ------", 0}, {53, "FTN_V4_FULL", 3}, {54, "FTN_V6_FULL", 3},
+    {55, "VC_FTN_FULL", 3}, {56, "ILM_FULL", 3}, {57, kSep, 0},
+    {58, "--- PROTO -------", 0}, {59, "MPLS_ENABLE", 1}, {60, "MPLS_DISABLE", 1},
+    {61, "ERR_MPLS_OP_HW", 4}, {62, "TTL_COPY_ENABLE", 1}, {63, "TTL_COPY_DISABLE", 1},
+    {64, "ERR_TTL_COPY_HW", 4}, {65, "LAB_SW_ENABLE", 1}, {66, "LAB_SW_DISABLE", 1},
+    {67, "ERR_LAB_SW_HW", 4}, {68, "FTN_RT_ADD", 1}, {69, "FTN_RT_DEL", 1},
+    {70, "ERR_FTN_RT_HW", 4}, {71, "VC_FTN_VIR_RT_ADD", 1}, {72, "VC_FTN_VIR_RT_DEL", 1},
+    {73, "ERR_VC_FTN_VIR_RT_HW", 4}, {74, "ILM_VIR_RT_ADD", 1}, {75, "ILM_VIR_RT_DEL", 1},
+    {76, "ERR_ILM_VIR_RT_HW", 4}, {77, "FTN_IN_ADJ_ADD", 1}, {78, "FTN_IN_ADJ_DEL", 1},
+    {79, "ERR_FTN_IN_ADJ_HW", 4}, {80, "VC_FTN_IN_ADJ_ADD", 1}, {81, "VC_FTN_IN_ADJ_DEL", 1},
+    {82, "ERR_VC_FTN_IN_ADJ_HW", 4}, {83, "ILM_IN_ADJ_ADD", 1}, {84, "ILM_IN_ADJ_DEL", 1},
+    {85, "ERR_ILM_IN_ADJ_HW", 4}, {86, "ILM_ADD", 1}, {87, "ILM_DEL", 1}, {88, "ERR_ILM_HW", 4},
+    {89, "NOTIFY_ABILITY", 1}, {90, "ERR_NOTIFY_ABILITY_HW", 1}, {104, kSep, 0},
+};
+
+TEST(ErrTable, EveryRowNameAndLevel) {
+    ASSERT_EQ(std::size(kRows), 84u);  // and 21 empty rows
+    const row_want_t *want[CE_ERR_ROWS] = {};
+    for (const auto &r : kRows) want[r.code] = &r;
+    for (int code = 0; code < CE_ERR_ROWS; ++code) {
+        SCOPED_TRACE("row " + std::to_string(code));
+        const ce_l3vpn_err_row_t &row = ce_l3vpn_err_tbl[code];
+        EXPECT_EQ(row.data1, 0);
+        EXPECT_EQ(row.data2, 0);
+        if (want[code] == nullptr) {
+            EXPECT_EQ(row.name, nullptr);
+            continue;
+        }
+        ASSERT_NE(row.name, nullptr);
+        EXPECT_STREQ(row.name, want[code]->name);
+        EXPECT_EQ(row.level, want[code]->level);
+    }
+}
+
+TEST(ErrTable, SameNamesAreSeparateRows) {
+    for (auto [a, b] : {std::pair{32, 38}, {1, 59}, {11, 86}, {12, 87}}) {
+        uint32_t before_a = ce_l3vpn_err_tbl[a].count, before_b = ce_l3vpn_err_tbl[b].count;
+        int line = __LINE__; CE_L3VPN_ERR_REC(b);
+        EXPECT_EQ(ce_l3vpn_err_tbl[a].count, before_a) << a;
+        EXPECT_EQ(ce_l3vpn_err_tbl[b].count, before_b + 1) << b;
+        EXPECT_EQ(ce_l3vpn_err_tbl[b].line, uint32_t(line)) << b;
+    }
+}
+
+TEST(ErrTable, LevelWords) {
+    EXPECT_STREQ(ce_l3vpn_err_level_name(0), "NULL");
+    EXPECT_STREQ(ce_l3vpn_err_level_name(5), "CRITICAL");
+    EXPECT_STREQ(ce_l3vpn_err_level_name(6), "NO DEFINE");
+    EXPECT_STREQ(ce_l3vpn_dbg_level_name(0), "FATAL");
+    EXPECT_STREQ(ce_l3vpn_dbg_level_name(3), "NOTICE");
+    EXPECT_STREQ(ce_l3vpn_dbg_level_name(5), "DEBUG");
+}
+
+int g_formatted = 0;
+int formatted() { return ++g_formatted; }
+
+::testing::AssertionResult has(const std::string &text, const std::string &part) {
+    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
+}
+
+// Keeps the level, the handle and the table level of a test to itself.
+class LogTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ce_l3vpn_zlog_handle = tq_zlog_init("found", nullptr);
+        g_formatted = 0;
+    }
+    void TearDown() override {
+        ce_l3vpn_dbg_level = level_;
+        ce_l3vpn_zlog_handle = handle_;
+        ss_rt_tbl_ctl.dbg_level = tbl_level_;
+    }
+    // What zlog wrote to standard error while f ran.
+    template <typename F>
+    static std::string zlog_of(F f) {
+        testing::internal::CaptureStderr();
+        f();
+        return testing::internal::GetCapturedStderr();
+    }
+    int32_t level_ = ce_l3vpn_dbg_level;
+    uint64_t handle_ = ce_l3vpn_zlog_handle;
+    int32_t tbl_level_ = ss_rt_tbl_ctl.dbg_level;
+};
+
+TEST_F(LogTest, ThresholdsAndPriorities) {
+    struct {
+        int level, threshold, prio;
+        const char *word;
+    } cases[] = {{CE_L3VPN_ERROR, 1, 100, "ERROR"}, {CE_L3VPN_WARN, 2, 80, "WARN"},
+                 {CE_L3VPN_INFO, 4, 40, "INFO"}, {CE_L3VPN_DEBUG, 5, 20, "DEBUG"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.word);
+        EXPECT_EQ(ce_l3vpn_log_prio(c.level), c.prio);
+        EXPECT_STREQ(tq_zlog_prio_word(c.prio), c.word);
+        g_formatted = 0;
+        ce_l3vpn_set_dbg_level(c.threshold - 1);
+        std::string out = zlog_of([&] { CE_L3VPN_LOG(c.level, "n:%d", formatted()); });
+        EXPECT_EQ(out, "");
+        EXPECT_EQ(g_formatted, 0);  // not even evaluated below the threshold
+
+        ce_l3vpn_set_dbg_level(c.threshold);
+        int line = 0;
+        out = zlog_of([&] { line = __LINE__; CE_L3VPN_LOG(c.level, "n:%d", formatted()); });
+        EXPECT_EQ(g_formatted, 1);
+        EXPECT_TRUE(has(out, std::string(" ") + c.word + " "));
+        // Source path without its extension, line, function, text.
+        EXPECT_TRUE(has(out, "tests/foundation/test_found_log:" + std::to_string(line) + " "));
+        EXPECT_TRUE(has(out, ": n:1\n"));
+    }
+}
+
+TEST_F(LogTest, ZeroHandleFormatsButSendsNothing) {
+    ce_l3vpn_set_dbg_level(5);
+    ce_l3vpn_zlog_handle = 0;
+    EXPECT_EQ(zlog_of([] { CE_L3VPN_LOG(CE_L3VPN_ERROR, "n:%d", formatted()); }), "");
+    EXPECT_EQ(g_formatted, 1);
+}
+
+TEST_F(LogTest, AddressConversionsAndPercentInText) {
+    ce_l3vpn_set_dbg_level(1);
+    const uint8_t v4[4] = {10, 0, 0, 1};
+    uint32_t a;
+    memcpy(&a, v4, sizeof a);
+    const uint8_t v6[16] = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+    std::string out = zlog_of([&] {
+        CE_L3VPN_LOG(CE_L3VPN_ERROR, "ip:%a v6:%v t:%s 5%%", a, v6, "50%d");
+    });
+    EXPECT_TRUE(has(out, ": ip:010.000.000.001 v6:fe80::1 t:50%d 5%\n"));
+}
+
+TEST_F(LogTest, LongMessageIsCutAndTerminated) {
+    ce_l3vpn_set_dbg_level(1);
+    std::string big(3000, 'x');
+    std::string out = zlog_of([&] { CE_L3VPN_LOG(CE_L3VPN_ERROR, "%s", big.c_str()); });
+    EXPECT_TRUE(has(out, ": " + std::string(1023, 'x') + "\n"));
+    EXPECT_EQ(out.find(std::string(1024, 'x')), std::string::npos);
+}
+
+TEST_F(LogTest, FailRecordsThenLogs) {
+    for (int level : {1, 0}) {
+        ce_l3vpn_set_dbg_level(level);
+        uint32_t before = ce_l3vpn_err_tbl[CE_ERR_LABEL_DEPTH].count;
+        int line = 0;
+        std::string out = zlog_of([&] {
+            line = __LINE__; CE_L3VPN_FAIL("rv == SS_E_NONE", CE_ERR_LABEL_DEPTH, "n_label:%u", 9u);
+        });
+        EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_LABEL_DEPTH].count, before + 1);
+        EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_LABEL_DEPTH].line, uint32_t(line));
+        if (level == 0) {
+            EXPECT_EQ(out, "");
+        } else {
+            EXPECT_TRUE(has(out, " ERROR "));
+            EXPECT_TRUE(has(out, ": fail:rv == SS_E_NONE code:23 n_label:9\n"));
+        }
+    }
+}
+
+int g_chk_line = 0;
+int guarded(const char *pmsg) {
+    g_chk_line = __LINE__; CE_L3VPN_CHK_NULL(pmsg);
+    return 0;
+}
+
+TEST_F(LogTest, NullArgumentReturns4AndCountsEvenWhenSilent) {
+    for (int level : {0, 1}) {
+        ce_l3vpn_set_dbg_level(level);
+        uint32_t before = ce_l3vpn_err_tbl[CE_ERR_APP_PARSE].count;
+        int rv = 0;
+        std::string out = zlog_of([&] { rv = guarded(nullptr); });
+        EXPECT_EQ(rv, 4);
+        EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_APP_PARSE].count, before + 1);
+        EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_APP_PARSE].line, uint32_t(g_chk_line));
+        EXPECT_EQ(out.empty(), level == 0) << out;
+        if (level == 1) {
+            EXPECT_TRUE(has(out, ": Fail, pmsg NULL, \n"));
+        }
+        EXPECT_EQ(guarded("x"), 0);
+        EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_APP_PARSE].count, before + 1);
+    }
+}
+
+TEST_F(LogTest, LevelSetterClamps) {
+    for (auto [in, want] : {std::pair{-7, 0}, {0, 0}, {3, 3}, {5, 5}, {6, 5}, {1000, 5}}) {
+        ce_l3vpn_set_dbg_level(in);
+        EXPECT_EQ(ce_l3vpn_dbg_level, want) << in;
+    }
+}
+
+// The level files live under a private L3VPN_ROOT.
+class LevelFileTest : public LogTest {
+protected:
+    void SetUp() override {
+        LogTest::SetUp();
+        char tmpl[] = "/tmp/found-level-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        root_ = tmpl;
+        fs::create_directories(root_ + "/data/sw_mpls");
+        setenv("L3VPN_ROOT", root_.c_str(), 1);
+    }
+    void TearDown() override {
+        unsetenv("L3VPN_ROOT");
+        fs::remove_all(root_);
+        LogTest::TearDown();
+    }
+    // Writes the level file, or removes it when text is null.
+    void put(const char *path, const char *text) {
+        fs::remove(root_ + path);
+        if (text != nullptr) std::ofstream(root_ + path) << text;
+    }
+    std::string root_;
+};
+
+constexpr const char *kZlogDbg = "/data/sw_mpls/ce_l3vpn_zlog.dbg";
+constexpr const char *kTblDbg = "/data/sw_mpls/ce_l3vpn_tbl.dbg";
+
+TEST_F(LevelFileTest, ZlogLevelFile) {
+    struct {
+        const char *text;
+        int32_t level;
+    } cases[] = {{"9", 5}, {"-3", 0}, {"abc", 0}, {nullptr, 0}, {"", 0}, {"4\n", 4}, {"2 7", 2}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text != nullptr ? c.text : "(missing)");
+        put(kZlogDbg, c.text);
+        ce_l3vpn_dbg_level = 3;
+        ce_l3vpn_zlog_handle = 0;
+        EXPECT_EQ(ce_l3vpn_zlog_init("ce_mpls_l3vpn_zlog", kZlogDbg), 0);
+        EXPECT_NE(ce_l3vpn_zlog_handle, 0u);
+        EXPECT_EQ(ce_l3vpn_dbg_level, c.level);
+    }
+    ce_l3vpn_dbg_level = 3;
+    ce_l3vpn_zlog_handle = 0;
+    EXPECT_EQ(ce_l3vpn_zlog_init(nullptr, kZlogDbg), 4);
+    EXPECT_EQ(ce_l3vpn_zlog_handle, 0u);
+    EXPECT_EQ(ce_l3vpn_zlog_init("ce_mpls_l3vpn_zlog", nullptr), 0);  // no file: level kept
+    EXPECT_EQ(ce_l3vpn_dbg_level, 3);
+}
+
+TEST_F(LevelFileTest, TableLevelFile) {
+    struct {
+        const char *text;
+        int32_t level;
+    } cases[] = {{nullptr, 3}, {"abc", 7}, {"0", 3}, {"", 7}, {"5", 5}, {"1", 1}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text != nullptr ? c.text : "(missing)");
+        put(kTblDbg, c.text);
+        ss_rt_tbl_ctl.dbg_level = 3;
+        testing::internal::CaptureStdout();  // the library prints its level list
+        ce_l3vpn_tbl_dbg_init(kTblDbg);
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(ss_rt_tbl_ctl.dbg_level, c.level);
+    }
+}
+}  // namespace
