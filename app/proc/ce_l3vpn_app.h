@@ -1,0 +1,33 @@
+// Add and delete of forwarding entries, and the global switches.
+#pragma once
+#include <cstdint>
+#include "app/proc/ce_l3vpn_app_node_db.h"
+#include "app/proc/ce_l3vpn_in_adj_db.h"
+#include "app/proc/ce_l3vpn_msg.h"
+
+enum { CE_HW_DEL = 0, CE_HW_ADD = 1 };
+
+extern uint8_t ce_l3vpn_mpls_enable;  // the MPLS switch
+extern uint8_t ce_l3vpn_ttl_copy;     // the TTL-copy switch
+
+int ce_l3vpn_app_init(void);
+int ce_l3vpn_app_add(ce_msg_comm_t *msg);
+int ce_l3vpn_app_del(ce_msg_comm_t *msg);
+
+ce_nhop_node_t *ce_app_node_add(ce_msg_comm_t *msg, bool *nhop_is_new);
+void ce_bind_nhop_node_to_app_node(ce_nhop_node_t *nhop, ce_app_node_t *app);
+void ce_app_node_del(ce_nhop_node_t *nhop);
+void ce_app_op_hw(uint32_t owner, ce_nhop_node_t *nhop, uint8_t add_or_del);
+void ce_app_set_to_ef(ce_nhop_node_t *nhop, uint8_t add_or_del);
+void ce_opcode_chg_update_app_nhop_and_opcode(ce_app_node_t *app);
+int ce_ilm_wk_add_hw(ce_app_node_t *app, void *arg);
+
+int ce_l3vpn_app_mpls_enable_op(uint8_t enable);
+int ce_l3vpn_app_ttl_copy_op(uint8_t enable);
+int ce_ttl_copy_enable_recover(uint8_t enable);
+// Rebuilds one inner adjacency read back from UC: id floor, then recovery.
+int ce_l3vpn_app_in_adj_recover(const ce_msg_comm_t *msg, uint64_t mpls_id);
+// End of a data sync: the walk over the app-node databases.
+int ce_l3vpn_app_ds_over(void);
+// Frees all forwarding state and resets the switches and the id counter (tests).
+void ce_l3vpn_app_reset(void);

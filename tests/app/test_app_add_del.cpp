@@ -1,0 +1,378 @@
+// Add and delete of FTN, VC-FTN and ILM next hops, the global switches and id
+// recovery, checked on what lands in the MOM and in the databases.
+#include "app_fixture.h"
+
+namespace {
+using AppAddDelTest = AppTest;
+constexpr uint64_t kId1 = 1, kId2 = 2;
+
+std::vector<uint32_t> nh_ifxs(const std::vector<SRoute__CommRt *> &rts) {
+    std::vector<uint32_t> out;
+    for (const SRoute__CommRt *r : rts) out.push_back(r->index->nh_ifx);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+TEST_F(AppAddDelTest, FtnNextHopsShareOneInAdjUntilTheLastGoes) {
+    ce_msg_comm_t m1 = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
+    ce_msg_comm_t m2 = ftn_msg(1, nh4(3, 10), CE_OP_PUSH, {100});
+    ASSERT_EQ(0, ce_l3vpn_app_add(&m1));
+    ASSERT_EQ(0, ce_l3vpn_app_add(&m2));
+
+    EXPECT_EQ(1u, ce_in_adj_db.tbl.count);
+    ASSERT_EQ(1u, uc(CE_RT_OWNER_FTN).size());
+    const SRoute__InSubAdj *adj = uc(CE_RT_OWNER_FTN)[0];
+    EXPECT_EQ(kId1, adj->index->mplsid);
+    EXPECT_EQ(0u, adj->index->ifx);
+    EXPECT_EQ(0u, adj->index->protocol);
+    EXPECT_EQ(255u, adj->ttl);
+    EXPECT_EQ(uint32_t(CE_OP_PUSH), adj->opcode);
+    EXPECT_EQ(std::vector<uint32_t>{100}, labels_of(adj));
+    EXPECT_EQ(1u, rows(CE_ERR_HW_FTN_IN_ADJ_ADD));
+
+    std::vector<SRoute__CommRt *> rts = ftn_routes();
+    EXPECT_EQ((std::vector<uint32_t>{9, 10}), nh_ifxs(rts));
+    for (const SRoute__CommRt *r : rts) {
+        EXPECT_EQ(kId1, r->index->mpls_id);
+        EXPECT_EQ(5u, r->index->vrf);
+        EXPECT_EQ(24u, r->index->mask_len);
+        EXPECT_EQ(1u, r->weight);
+    }
+    ce_app_node_t *app = app_of(m1);
+    ASSERT_NE(nullptr, app);
+    EXPECT_EQ(2u, app->nhop_num);
+    EXPECT_EQ(1u, db(CE_OWNER_FTN)->v4_count);
+    EXPECT_EQ(4, live_nodes());  // app, two nhops, one in_adj
+
+    ce_msg_comm_t d1 = as_del(m1);
+    ASSERT_EQ(0, ce_l3vpn_app_del(&d1));
+    EXPECT_EQ(std::vector<uint32_t>{10}, nh_ifxs(ftn_routes()));
+    EXPECT_EQ(1u, uc(CE_RT_OWNER_FTN).size());
+    EXPECT_EQ(0u, rows(CE_ERR_HW_FTN_IN_ADJ_DEL));
+    EXPECT_EQ(3, live_nodes());
+
+    ce_msg_comm_t d2 = as_del(m2);
+    ASSERT_EQ(0, ce_l3vpn_app_del(&d2));
+    EXPECT_TRUE(ftn_routes().empty());
+    EXPECT_TRUE(uc(CE_RT_OWNER_FTN).empty());
+    EXPECT_EQ(1u, rows(CE_ERR_HW_FTN_IN_ADJ_DEL));
+    EXPECT_EQ(4u, rows(CE_ERR_HW_FTN_RT_DEL));  // each installed route is withdrawn twice
+    EXPECT_EQ(0u, ce_in_adj_db.tbl.count);
+    EXPECT_EQ(0u, db(CE_OWNER_FTN)->tbl.count);
+    EXPECT_EQ(0u, db(CE_OWNER_FTN)->v4_count);
+    EXPECT_EQ(0, live_nodes());
+    std::string log = take_log();
+    EXPECT_TRUE(has(log, ": no nhop ref, del in adj "));
+    EXPECT_TRUE(has(log, ": no ref, del app node "));
+}
+
+TEST_F(AppAddDelTest, SameLabelsOverTwoFamiliesGiveTwoInAdjs) {
+    ce_msg_comm_t m4 = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
+    ce_msg_comm_t m6 = ftn_msg(1, nh6(2, 9), CE_OP_PUSH, {100});
+    m6.key = m4.key;  // one entry, two next hops
+    ASSERT_EQ(0, ce_l3vpn_app_add(&m4));
+    ASSERT_EQ(0, ce_l3vpn_app_add(&m6));
+    EXPECT_EQ(2u, app_of(m4)->nhop_num);
+    EXPECT_EQ(1u, ce_in_adj_db.v4_count);
+    EXPECT_EQ(1u, ce_in_adj_db.v6_count);
+    std::vector<SRoute__InSubAdj *> adjs = uc(CE_RT_OWNER_FTN);
+    ASSERT_EQ(2u, adjs.size());
+    for (const SRoute__InSubAdj *a : adjs) {
+        bool v6 = a->index->protocol == 1;
+        EXPECT_EQ(v6 ? kId2 : kId1, a->index->mplsid);
+        EXPECT_EQ(v6 ? P_LIBPUB__IP__ADDR_V6 : P_LIBPUB__IP__ADDR_V4, a->index->ip->addr_case);
+    }
+    EXPECT_EQ(2u, ftn_routes().size());
+}
+
+TEST_F(AppAddDelTest, VcFtnLabelChangeRebindsToANewId) {
+    ce_msg_comm_t a = vc_ftn_msg(100, nh4(2, 9), {200});
+    ce_msg_comm_t b = vc_ftn_msg(100, nh4(2, 9), {300});
+    ASSERT_EQ(0, ce_l3vpn_app_add(&a));
+    ASSERT_EQ(1u, vir_routes(CE_RT_OWNER_VC_FTN).size());
+    ASSERT_EQ(0, ce_l3vpn_app_add(&b));
+
+    std::vector<SRoute__VirRt *> rts = vir_routes(CE_RT_OWNER_VC_FTN);
+    ASSERT_EQ(1u, rts.size());
+    const SRoute__VirRtKey *k = rts[0]->index;
+    EXPECT_EQ(kId2, k->mpls_id);
+    EXPECT_EQ(100u, k->vrf);
+    EXPECT_EQ(100u, k->tnl_ifx);
+    EXPECT_EQ(32u, k->mask_len);
+    std::vector<SRoute__InSubAdj *> adjs = uc(CE_RT_OWNER_VC_FTN);
+    ASSERT_EQ(1u, adjs.size());
+    EXPECT_EQ(kId2, adjs[0]->index->mplsid);
+    EXPECT_EQ(100u, adjs[0]->index->ifx);
+    EXPECT_EQ(std::vector<uint32_t>{300}, labels_of(adjs[0]));
+    EXPECT_EQ(255u, adjs[0]->ttl);
+    EXPECT_EQ(4u, adjs[0]->vc_mode);
+    EXPECT_EQ(12u, adjs[0]->sd_vid);
+    EXPECT_EQ(1u, adjs[0]->cw);
+    EXPECT_EQ(1u, rows(CE_ERR_HW_VC_FTN_IN_ADJ_DEL));
+    EXPECT_EQ(1u, rows(CE_ERR_HW_VC_FTN_VIR_RT_DEL));
+    EXPECT_EQ(1u, ce_in_adj_db.tbl.count);
+    EXPECT_EQ(1u, app_of(a)->nhop_num);
+    EXPECT_EQ(3, live_nodes());
+    std::string log = take_log();
+    EXPECT_TRUE(has(log, ": del old virtual route to ef"));
+    EXPECT_TRUE(has(log, ": unbind old in adj"));
+    EXPECT_TRUE(has(log, ": same node, need not bind"));
+}
+
+TEST_F(AppAddDelTest, SecondOpcodeWaitsUntilTheFirstIsDeleted) {
+    ce_msg_comm_t push = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
+    ce_msg_comm_t swap = ftn_msg(1, nh4(3, 10), CE_OP_SWAP, {200});
+    ASSERT_EQ(0, ce_l3vpn_app_add(&push));
+    ASSERT_EQ(0, ce_l3vpn_app_add(&swap));
+    EXPECT_EQ(std::vector<uint32_t>{9}, nh_ifxs(ftn_routes()));
+    EXPECT_EQ(2u, uc(CE_RT_OWNER_FTN).size());
+    EXPECT_TRUE(has(take_log(),
+                    ": app node 's first opcode DON'T match new opcode. will not set to EF."));
+
+    ce_msg_comm_t d = as_del(push);
+    ASSERT_EQ(0, ce_l3vpn_app_del(&d));
+    std::vector<SRoute__CommRt *> rts = ftn_routes();
+    ASSERT_EQ(1u, rts.size());
+    EXPECT_EQ(10u, rts[0]->index->nh_ifx);
+    EXPECT_EQ(kId2, rts[0]->index->mpls_id);
+    ce_app_node_t *app = app_of(swap);
+    EXPECT_EQ(CE_OP_SWAP, app->first_opcode);
+    EXPECT_EQ(1, ce_app_node_oldest_nhop(app)->set_to_ef);
+    std::string log = take_log();
+    EXPECT_TRUE(has(log, ": wk nhop node, because opcode POP or change, first_opcode: 1"));
+    EXPECT_TRUE(has(log, ": app node set new first_opcode: 3"));
+}
+
+class IlmMultiActionTest : public AppTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(IlmMultiActionTest, FeOnceAndEfByOpcodeMix) {
+    bool multi = GetParam();
+    ce_l3vpn_cap_tbl[CE_CAP_ILM_MULTI_ACTION].cur_bool = multi ? 1 : 0;
+    ce_msg_comm_t pop = ilm_msg(0x12345, nh4(2, 9), CE_OP_POP, {});
+    ce_msg_comm_t swap = ilm_msg(0x12345, nh4(3, 10), CE_OP_SWAP, {500});
+    ce_msg_comm_t push = ilm_msg(0x12345, nh4(4, 11), CE_OP_PUSH, {600});
+    for (ce_msg_comm_t *m : {&pop, &swap, &push}) ASSERT_EQ(0, ce_l3vpn_app_add(m));
+
+    EXPECT_EQ(1u, rows(CE_ERR_HW_ILM_ADD));
+    std::vector<UMpls__UdpIlm *> fe = fe_ilms();
+    ASSERT_EQ(1u, fe.size());
+    EXPECT_EQ(0x12345u, fe[0]->index->in_label);
+    EXPECT_EQ(uint32_t(CE_OP_POP), fe[0]->opcode);
+    EXPECT_EQ(0x100000u, fe[0]->swap_label);
+    EXPECT_FALSE(fe[0]->ttl_copy);
+    // PUSH never mixes with POP; SWAP does when the ability is on.
+    EXPECT_EQ(multi ? 2u : 1u, vir_routes(CE_RT_OWNER_ILM).size());
+    EXPECT_TRUE(has(take_log(), ": nhop_num: 2, need not set ilm to FE_L3VPN"));
+
+    ce_msg_comm_t d = as_del(swap);  // not the first opcode: FE untouched
+    ASSERT_EQ(0, ce_l3vpn_app_del(&d));
+    EXPECT_EQ(1u, rows(CE_ERR_HW_ILM_ADD));
+    EXPECT_EQ(0u, rows(CE_ERR_HW_ILM_DEL));
+    EXPECT_EQ(1u, vir_routes(CE_RT_OWNER_ILM).size());
+
+    d = as_del(pop);  // the first opcode goes: PUSH takes over, in FE and EF
+    ASSERT_EQ(0, ce_l3vpn_app_del(&d));
+    EXPECT_EQ(2u, rows(CE_ERR_HW_ILM_ADD));
+    ASSERT_EQ(1u, fe_ilms().size());
+    EXPECT_EQ(uint32_t(CE_OP_PUSH), fe_ilms()[0]->opcode);
+    std::vector<SRoute__VirRt *> rts = vir_routes(CE_RT_OWNER_ILM);
+    ASSERT_EQ(1u, rts.size());
+    EXPECT_EQ(11u, rts[0]->index->nh_ifx);
+
+    d = as_del(push);
+    ASSERT_EQ(0, ce_l3vpn_app_del(&d));
+    EXPECT_EQ(1u, rows(CE_ERR_HW_ILM_DEL));
+    EXPECT_TRUE(fe_ilms().empty());
+    EXPECT_TRUE(vir_routes(CE_RT_OWNER_ILM).empty());
+    EXPECT_TRUE(uc(CE_RT_OWNER_ILM).empty());
+    EXPECT_EQ(0, live_nodes());
+}
+INSTANTIATE_TEST_SUITE_P(AbilityOffOn, IlmMultiActionTest, ::testing::Bool());
+
+TEST_F(AppAddDelTest, RecoveredInAdjIsReusedWithItsId) {
+    ce_msg_comm_t m = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
+    const uint64_t id = (3ull << 32) | 7;
+    ASSERT_EQ(0, ce_l3vpn_app_in_adj_recover(&m, id));
+    EXPECT_EQ(8, ce_l3vpn_app_in_adj_recover(&m, id + 1));  // a live key keeps its id
+    ASSERT_EQ(0, ce_l3vpn_app_add(&m));
+    ASSERT_EQ(1u, uc(CE_RT_OWNER_FTN).size());
+    EXPECT_EQ(id, uc(CE_RT_OWNER_FTN)[0]->index->mplsid);
+    EXPECT_EQ(id, ftn_routes()[0]->index->mpls_id);
+}
+
+TEST_F(AppAddDelTest, TtlCopyRewritesAdjacenciesAndIlmsOnlyOnChange) {
+    ce_msg_comm_t ftn = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
+    ce_msg_comm_t ilm = ilm_msg(16, nh4(2, 9), CE_OP_SWAP, {500});
+    ce_msg_comm_t vc = vc_ftn_msg(100, nh4(2, 9), {200});
+    for (ce_msg_comm_t *m : {&ftn, &ilm, &vc}) ASSERT_EQ(0, ce_l3vpn_app_add(m));
+    const ProtobufCMessageDescriptor *ttl_desc = &u_mpls__udp_ttl_copy_enable__descriptor;
+
+    ASSERT_EQ(0, ce_l3vpn_app_ttl_copy_op(1));
+    EXPECT_EQ(0u, uc(CE_RT_OWNER_FTN)[0]->ttl);
+    EXPECT_EQ(0u, uc(CE_RT_OWNER_ILM)[0]->ttl);
+    EXPECT_EQ(255u, uc(CE_RT_OWNER_VC_FTN)[0]->ttl);
+    EXPECT_TRUE(fe_ilms()[0]->ttl_copy);
+    ASSERT_EQ(1u, records<UMpls__UdpTtlCopyEnable>(8, ttl_desc).size());
+    EXPECT_TRUE(records<UMpls__UdpTtlCopyEnable>(8, ttl_desc)[0]->enable);
+    const ce_l3vpn_err_code_t rewritten[] = {CE_ERR_HW_FTN_IN_ADJ_ADD, CE_ERR_HW_ILM_IN_ADJ_ADD,
+                                             CE_ERR_HW_VC_FTN_IN_ADJ_ADD, CE_ERR_HW_ILM_ADD};
+    for (ce_l3vpn_err_code_t r : rewritten) EXPECT_EQ(2u, rows(r)) << r;
+
+    ASSERT_EQ(0, ce_l3vpn_app_ttl_copy_op(1));  // no change: only the switch record again
+    for (ce_l3vpn_err_code_t r : rewritten) EXPECT_EQ(2u, rows(r)) << r;
+    EXPECT_EQ(2u, rows(CE_ERR_HW_TTL_COPY_ENABLE));
+
+    ASSERT_EQ(0, ce_l3vpn_app_ttl_copy_op(0));
+    EXPECT_EQ(255u, uc(CE_RT_OWNER_FTN)[0]->ttl);
+    EXPECT_EQ(255u, uc(CE_RT_OWNER_ILM)[0]->ttl);
+    EXPECT_FALSE(fe_ilms()[0]->ttl_copy);
+    EXPECT_TRUE(records<UMpls__UdpTtlCopyEnable>(8, ttl_desc).empty());
+
+    ASSERT_EQ(0, ce_ttl_copy_enable_recover(1));
+    EXPECT_TRUE(has(take_log(), ": recover ttl_copy to YES"));
+    ASSERT_EQ(0, ce_l3vpn_app_ttl_copy_op(1));
+    EXPECT_EQ(255u, uc(CE_RT_OWNER_FTN)[0]->ttl);  // FE already had it: nothing rewritten
+    EXPECT_EQ(3u, rows(CE_ERR_HW_ILM_ADD));
+    EXPECT_EQ(3u, rows(CE_ERR_HW_TTL_COPY_ENABLE));
+}
+
+TEST_F(AppAddDelTest, MplsSwitchWrittenOnlyOnChange) {
+    const ProtobufCMessageDescriptor *desc = &u_mpls__udp_mpls_enable__descriptor;
+    ASSERT_EQ(0, ce_l3vpn_app_mpls_enable_op(1));
+    ASSERT_EQ(0, ce_l3vpn_app_mpls_enable_op(1));
+    EXPECT_EQ(1u, rows(CE_ERR_HW_MPLS_ENABLE));
+    ASSERT_EQ(1u, records<UMpls__UdpMplsEnable>(8, desc).size());
+    ASSERT_EQ(0, ce_l3vpn_app_mpls_enable_op(0));
+    ASSERT_EQ(0, ce_l3vpn_app_mpls_enable_op(0));
+    EXPECT_EQ(1u, rows(CE_ERR_HW_MPLS_DISABLE));
+    EXPECT_TRUE(records<UMpls__UdpMplsEnable>(8, desc).empty());
+}
+
+TEST_F(AppAddDelTest, RepeatedAddCreatesNothingAndRewritesTheRoute) {
+    ce_msg_comm_t m = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
+    ASSERT_EQ(0, ce_l3vpn_app_add(&m));
+    m.nhop_attr.weight = 7;
+    ASSERT_EQ(0, ce_l3vpn_app_add(&m));
+    EXPECT_EQ(3, live_nodes());
+    EXPECT_EQ(2u, rows(CE_ERR_HW_FTN_RT_ADD));
+    EXPECT_EQ(1u, rows(CE_ERR_HW_FTN_IN_ADJ_ADD));
+    EXPECT_EQ(7u, ftn_routes()[0]->weight);
+    EXPECT_TRUE(has(take_log(), ": same in adj, need not bind"));
+}
+
+TEST_F(AppAddDelTest, ZeroAddressOrInterfaceStaysOutOfEf) {
+    ce_msg_comm_t zero_ip = ftn_msg(1, nh_t{CE_PRO_IPV4, {}, 9}, CE_OP_PUSH, {100});
+    ce_msg_comm_t zero_ifx = ftn_msg(1, nh4(2, 0), CE_OP_PUSH, {100});
+    ASSERT_EQ(0, ce_l3vpn_app_add(&zero_ip));
+    ASSERT_EQ(0, ce_l3vpn_app_add(&zero_ifx));
+    EXPECT_EQ(2u, app_of(zero_ip)->nhop_num);
+    EXPECT_TRUE(ftn_routes().empty());
+    std::string log = take_log();
+    EXPECT_TRUE(has(log, ": zero con_nhop:000.000.000.000 or ifx:9 or opcode:1, wouldn't set to EF"));
+    EXPECT_TRUE(has(log, ": zero con_nhop:010.000.000.002 or ifx:0 or opcode:1, wouldn't set to EF"));
+}
+
+TEST_F(AppAddDelTest, CapacityFullCreatesNothing) {
+    ce_l3vpn_cap_tbl[CE_CAP_VC_FTN].cur_int32 = 0;
+    ce_msg_comm_t m = vc_ftn_msg(100, nh4(2, 9), {200});
+    EXPECT_EQ(11, ce_l3vpn_app_add(&m));
+    EXPECT_EQ(1u, rows(CE_ERR_VC_FTN_FULL));
+    EXPECT_EQ(1u, ce_l3vpn_syslog_vc_ftn_limit.interval);  // the alarm went out
+    EXPECT_EQ(0, live_nodes());
+    EXPECT_TRUE(uc(CE_RT_OWNER_VC_FTN).empty());
+    EXPECT_TRUE(has(take_log(), ": CAP  FULL"));
+}
+
+TEST_F(AppAddDelTest, DeleteOfUnknownEntryOrNextHopGives7) {
+    ce_msg_comm_t m = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
+    ce_msg_comm_t d = as_del(m);
+    EXPECT_EQ(7, ce_l3vpn_app_del(&d));
+    EXPECT_EQ(1u, rows(CE_ERR_APP_NODE_NOT_FOUND));
+    ASSERT_EQ(0, ce_l3vpn_app_add(&m));
+    ce_msg_comm_t other = as_del(ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {101}));
+    EXPECT_EQ(7, ce_l3vpn_app_del(&other));
+    EXPECT_EQ(1u, rows(CE_ERR_NHOP_NODE_NOT_FOUND));
+    EXPECT_EQ(3, live_nodes());
+}
+
+// ---- failures: every add that cannot finish leaves the state as it found it ------
+
+struct state_t {
+    uint32_t ftn_entries, vc_entries, in_adjs, nhops;
+    size_t ef, uc;
+    bool operator==(const state_t &) const = default;
+};
+
+struct fail_case_t {
+    const char *name;
+    int pre;              // adds made before: 0 none, 1 the FTN entry, 2 the VC-FTN entry
+    bool vc;              // the failing add is the VC-FTN label change
+    unsigned mem_nth;     // node allocation to fail (0 none)
+    unsigned tbl_nth;     // keyed-table allocation to fail (0 none)
+    ce_l3vpn_err_code_t row;
+    const char *text;
+};
+
+class AddFailureTest : public AppTest, public ::testing::WithParamInterface<fail_case_t> {
+protected:
+    state_t state() {
+        uint32_t nhops = 0;
+        ce_app_node_db_walkthrough(CE_OWNER_FTN, [](ce_app_node_t *a, void *n) {
+            *static_cast<uint32_t *>(n) += a->nhop_num;
+            return 0;
+        }, &nhops);
+        return {db(CE_OWNER_FTN)->tbl.count, db(CE_OWNER_VC_FTN)->tbl.count,
+                ce_in_adj_db.tbl.count, nhops, mom_mem_keys(mom_, 6).size(),
+                mom_mem_keys(mom_, 10).size()};
+    }
+};
+
+TEST_P(AddFailureTest, RollsBack) {
+    const fail_case_t &c = GetParam();
+    ce_msg_comm_t first = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
+    ce_msg_comm_t vc = vc_ftn_msg(100, nh4(2, 9), {200});
+    if (c.pre != 0) {
+        ASSERT_EQ(0, ce_l3vpn_app_add(c.pre == 1 ? &first : &vc));
+    }
+    ce_msg_comm_t m = c.vc ? vc_ftn_msg(100, nh4(2, 9), {300})
+                           : ftn_msg(1, nh4(3, 10), CE_OP_PUSH, {101});
+    ce_app_node_t *vc_app = c.vc ? app_of(vc) : nullptr;
+    ce_in_adj_node_t *vc_adj = c.vc ? ce_app_node_oldest_nhop(vc_app)->in_adj : nullptr;
+    state_t before = state();
+    int32_t nodes = live_nodes();
+    take_log();
+
+    ce_l3vpn_mem_fail_at(c.mem_nth);
+    keyed_tbl_fail_alloc_at(c.tbl_nth);
+    EXPECT_EQ(11, ce_l3vpn_app_add(&m));
+    EXPECT_EQ(1u, rows(c.row));
+    EXPECT_TRUE(has(take_log(), c.text));
+    EXPECT_EQ(before, state());
+    // A refused node allocation stays counted; everything allocated was freed again.
+    EXPECT_EQ(nodes + (c.mem_nth ? 1 : 0), live_nodes());
+    if (c.vc) {
+        EXPECT_EQ(vc_adj, ce_app_node_oldest_nhop(vc_app)->in_adj);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    NoMemory, AddFailureTest,
+    ::testing::Values(
+        fail_case_t{"AppNode", 0, false, 1, 0, CE_ERR_APP_DB_MALLOC, ": app node, no memory"},
+        fail_case_t{"NhopOfNewEntry", 0, false, 2, 0, CE_ERR_NHOP_NODE_ADD,
+                    ": nhop node, no memory"},
+        fail_case_t{"InAdjOfNewEntry", 0, false, 3, 0, CE_ERR_APP_DB_MALLOC,
+                    ": in_adj node, no memory"},
+        fail_case_t{"NhopOfOldEntry", 1, false, 1, 0, CE_ERR_NHOP_NODE_ADD,
+                    ": nhop node, no memory"},
+        fail_case_t{"InAdjOfOldEntry", 1, false, 2, 0, CE_ERR_APP_DB_MALLOC,
+                    ": in_adj node, no memory"},
+        fail_case_t{"InAdjOfOldNhop", 2, true, 1, 0, CE_ERR_APP_DB_MALLOC,
+                    ": in_adj node, no memory"},
+        fail_case_t{"AppInsert", 0, false, 0, 1, CE_ERR_APP_NODE_ADD, ": add app entry fail"},
+        fail_case_t{"InAdjInsert", 0, false, 0, 3, CE_ERR_IN_ADJ_NODE_ADD,
+                    ": add in adj entry fail"},
+        fail_case_t{"InAdjInsertOldNhop", 2, true, 0, 1, CE_ERR_IN_ADJ_NODE_ADD,
+                    ": add in adj entry fail"}),
+    [](const ::testing::TestParamInfo<fail_case_t> &i) { return std::string(i.param.name); });
+}  // namespace

@@ -1,0 +1,208 @@
+// The keyed table: lookup2 hash, bucket sizing, insertion order, removal.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "keyed_table/keyed_table.h"
+
+namespace {
+// lookup2 written out plainly, one byte at a time, to check the table's own.
+uint32_t rot_mix_ref(uint32_t &a, uint32_t &b, uint32_t &c) {
+    const int sh[9] = {13, 8, 13, 12, 16, 5, 3, 10, 15};
+    for (int i = 0; i < 9; i += 3) {
+        a = a - b - c; a ^= c >> sh[i];
+        b = b - c - a; b ^= a << sh[i + 1];
+        c = c - a - b; c ^= b >> sh[i + 2];
+    }
+    return c;
+}
+
+uint32_t jhash_ref(const std::vector<uint8_t> &k, uint32_t init) {
+    uint32_t w[3] = {0x9e3779b9u, 0x9e3779b9u, init};
+    size_t i = 0;
+    for (; k.size() - i >= 12; i += 12) {
+        for (size_t j = 0; j < 12; ++j) w[j / 4] += static_cast<uint32_t>(k[i + j]) << (8 * (j % 4));
+        rot_mix_ref(w[0], w[1], w[2]);
+    }
+    w[2] += static_cast<uint32_t>(k.size());
+    for (size_t j = 0; i + j < k.size(); ++j) {
+        // The tail's third word starts one byte up: its low byte holds the length.
+        size_t pos = j < 8 ? j : j + 1;
+        w[pos / 4] += static_cast<uint32_t>(k[i + j]) << (8 * (pos % 4));
+    }
+    return rot_mix_ref(w[0], w[1], w[2]);
+}
+
+std::vector<uint8_t> bytes_of(const std::string &s) { return {s.begin(), s.end()}; }
+std::vector<uint8_t> seq(size_t n) {
+    std::vector<uint8_t> v(n);
+    for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i);
+    return v;
+}
+
+struct hash_case_t {
+    std::vector<uint8_t> key;
+    uint32_t seed;
+    uint32_t expect;  // from a separate transcription of lookup2
+};
+
+TEST(KeyedTableHash, MatchesLookup2Values) {
+    const hash_case_t cases[] = {
+        {{}, 0, 0xbd49d10d},
+        {bytes_of("a"), 0, 0x29eec818},
+        {bytes_of("abc"), 1, 0x52188305},
+        {bytes_of("Four score and seven years ago"), 0, 0x50f2424b},
+        {bytes_of("Four score and seven years ago"), 1, 0x89deae7e},
+        {seq(11), 7, 0xac2b2b35},
+        {seq(12), 7, 0x728a5adb},
+        {seq(13), 7, 0xeb5c99d8},
+        {seq(24), 20000, 0x30cbd2d2},
+    };
+    for (const hash_case_t &c : cases) {
+        EXPECT_EQ(c.expect, keyed_tbl_jhash(c.key.data(), c.key.size(), c.seed)) << c.key.size();
+        EXPECT_EQ(c.expect, jhash_ref(c.key, c.seed)) << c.key.size();
+    }
+    EXPECT_EQ(0x6477d56bu, keyed_tbl_jhash_2words(1, 2, 0));
+    EXPECT_EQ(0xd6227197u, keyed_tbl_jhash_2words(0xdeadbeef, 3, 10000));
+}
+
+TEST(KeyedTableHash, AgreesWithReferenceForEveryLength) {
+    for (size_t n = 0; n <= 60; ++n) {
+        std::vector<uint8_t> k(n);
+        for (size_t i = 0; i < n; ++i) k[i] = static_cast<uint8_t>(i * 37 + n);
+        EXPECT_EQ(jhash_ref(k, static_cast<uint32_t>(n)),
+                  keyed_tbl_jhash(k.data(), static_cast<uint32_t>(n), static_cast<uint32_t>(n)))
+            << n;
+    }
+}
+
+// Entries are plain ints; every key hashes to one bucket when `same_bucket` is set.
+bool same_bucket = false;
+std::vector<int> not_found_keys;
+
+uint32_t int_hash(const keyed_tbl_t *tbl, const void *e) {
+    return same_bucket ? 0 : keyed_tbl_jhash(e, sizeof(int), tbl->maxsize);
+}
+int int_cmp(const void *a, const void *b) {
+    return *static_cast<const int *>(a) == *static_cast<const int *>(b) ? 0 : 1;
+}
+void int_not_found(const void *k) { not_found_keys.push_back(*static_cast<const int *>(k)); }
+
+class KeyedTableTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        same_bucket = false;
+        not_found_keys.clear();
+        tbl_.hash = int_hash;
+        tbl_.cmp = int_cmp;
+        tbl_.not_found = int_not_found;
+    }
+    void TearDown() override {
+        keyed_tbl_fail_alloc_at(0);
+        keyed_tbl_destroy(&tbl_);
+    }
+    std::vector<int> walk_order() {
+        std::vector<int> out;
+        keyed_tbl_walk(&tbl_, [](void *e, void *arg) {
+            static_cast<std::vector<int> *>(arg)->push_back(*static_cast<int *>(e));
+            return 0;
+        }, &out);
+        return out;
+    }
+    keyed_tbl_t tbl_{};
+    int v_[5] = {10, 20, 30, 40, 50};
+};
+
+TEST_F(KeyedTableTest, BucketCountFromMaxsize) {
+    const struct { uint32_t maxsize, buckets; } cases[] = {
+        {0, 1365}, {1, 1}, {3, 4}, {4000, 5333}, {20000, 26666}};
+    for (const auto &c : cases) {
+        ASSERT_EQ(0, keyed_tbl_create(&tbl_, 7, c.maxsize));
+        EXPECT_EQ(c.buckets, tbl_.bucket_num) << c.maxsize;
+        EXPECT_EQ(7u, tbl_.id);
+        EXPECT_EQ(c.maxsize, tbl_.maxsize);
+        keyed_tbl_destroy(&tbl_);
+    }
+}
+
+TEST_F(KeyedTableTest, CreateAndNameFailures) {
+    EXPECT_EQ(-4, keyed_tbl_create(nullptr, 0, 0));
+    EXPECT_EQ(-4, keyed_tbl_set_name(nullptr, "x"));
+    keyed_tbl_fail_alloc_at(1);
+    EXPECT_EQ(-2, keyed_tbl_create(&tbl_, 0, 3));
+    EXPECT_EQ(nullptr, tbl_.buckets);
+}
+
+TEST_F(KeyedTableTest, NameIsCutToThirtyOneCharacters) {
+    ASSERT_EQ(0, keyed_tbl_set_name(&tbl_, "ftn db"));
+    EXPECT_STREQ("ftn db", tbl_.name);
+    ASSERT_EQ(0, keyed_tbl_set_name(&tbl_, std::string(40, 'x').c_str()));
+    EXPECT_EQ(std::string(31, 'x'), tbl_.name);
+}
+
+TEST_F(KeyedTableTest, WalkIsNewestFirstAndStopsOnNonZero) {
+    ASSERT_EQ(0, keyed_tbl_create(&tbl_, 0, 3));
+    EXPECT_EQ(std::vector<int>{}, walk_order());
+    for (int &v : v_) ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v));
+    EXPECT_EQ((std::vector<int>{50, 40, 30, 20, 10}), walk_order());
+    EXPECT_EQ(5u, tbl_.count);
+    EXPECT_EQ(5u, tbl_.count2);
+    EXPECT_EQ(5u, tbl_.total);
+    int seen = 0;
+    EXPECT_EQ(7, keyed_tbl_walk(&tbl_, [](void *e, void *arg) {
+        ++*static_cast<int *>(arg);
+        return *static_cast<int *>(e) == 40 ? 7 : 0;
+    }, &seen));
+    EXPECT_EQ(2, seen);
+}
+
+TEST_F(KeyedTableTest, LookupAndRemoveInOneCrowdedBucket) {
+    same_bucket = true;
+    ASSERT_EQ(0, keyed_tbl_create(&tbl_, 0, 3));
+    for (int &v : v_) ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v));
+    EXPECT_EQ(5, tbl_.bucket_cnt[0]);
+    int k = 30;
+    EXPECT_EQ(&v_[2], keyed_tbl_lookup(&tbl_, &k));
+    EXPECT_EQ(&v_[2], keyed_tbl_remove(&tbl_, &k));
+    EXPECT_EQ(nullptr, keyed_tbl_lookup(&tbl_, &k));
+    EXPECT_EQ(4, tbl_.bucket_cnt[0]);
+    EXPECT_EQ(4u, tbl_.count);
+    EXPECT_EQ((std::vector<int>{50, 40, 20, 10}), walk_order());
+    EXPECT_TRUE(not_found_keys.empty());
+
+    EXPECT_EQ(nullptr, keyed_tbl_remove(&tbl_, &k));
+    EXPECT_EQ(std::vector<int>{30}, not_found_keys);
+    EXPECT_EQ(4u, tbl_.count);
+    for (int key : {10, 50}) EXPECT_NE(nullptr, keyed_tbl_remove(&tbl_, &key));
+    EXPECT_EQ((std::vector<int>{40, 20}), walk_order());
+}
+
+TEST_F(KeyedTableTest, InsertFailuresLeaveTableUnchanged) {
+    ASSERT_EQ(0, keyed_tbl_create(&tbl_, 0, 3));
+    keyed_tbl_fail_alloc_at(1);
+    EXPECT_EQ(-2, keyed_tbl_insert(&tbl_, &v_[0]));
+    keyed_tbl_fail_alloc_at(2);
+    EXPECT_EQ(-12, keyed_tbl_insert(&tbl_, &v_[0]));
+    EXPECT_EQ(0u, tbl_.count);
+    EXPECT_EQ(0u, tbl_.total);
+    EXPECT_EQ(nullptr, keyed_tbl_lookup(&tbl_, &v_[0]));
+}
+
+TEST_F(KeyedTableTest, CrowdedBucketWarnsOnStdoutOnlyWithThreshold) {
+    same_bucket = true;
+    ASSERT_EQ(0, keyed_tbl_create(&tbl_, 0, 3));
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[0]));
+    ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[1]));
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+
+    tbl_.warn_threshold = 2;
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[2]));
+    char want[128];
+    snprintf(want, sizeof want, "hash :%p bucket[0] warning 2 cur:3 \n", static_cast<void *>(&tbl_));
+    EXPECT_EQ(want, testing::internal::GetCapturedStdout());
+}
+}  // namespace
