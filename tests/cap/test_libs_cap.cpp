@@ -1,3 +1,4 @@
+#include <cstdlib>
 // Capability service front end over the in-memory store.
 #include <gtest/gtest.h>
 
@@ -89,8 +90,10 @@ TEST_F(LibsCapTest, InitNeedsAStoreThatStarts) {
     EXPECT_EQ(-4, libs_cap_event_callback_reg("mod", nullptr, 1));
     libs_cap_mem_fail_start(true);
     EXPECT_EQ(-17, libs_cap_init(&g_ctx, "mod"));
-    libs_cap_reset();  // no backend installed any more
+    libs_cap_reset();  // back to the default store: the MOM's Redis, unreachable here
+    setenv("MOM_REDIS", "unix:/nonexistent/l3vpn-test.sock", 1);
     EXPECT_EQ(-17, libs_cap_init(&g_ctx, "mod"));
+    unsetenv("MOM_REDIS");
 }
 
 TEST_F(LibsCapTest, GettersAnswerFromTheLastRead) {

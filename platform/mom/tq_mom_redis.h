@@ -1,0 +1,41 @@
+// The Redis MOM client's extras: its counters, and the connection helpers that
+// the process's other Redis users (the capability store) share with it.
+// tq_mom_redis_new() itself is declared in tq_mom.h.
+#pragma once
+#include <cstdint>
+#include <string>
+
+struct event_base;
+struct redisContext;
+struct redisAsyncContext;
+struct tq_mom_client_t;
+
+// Where the store is: MOM_REDIS as "unix:/path/redis.sock" or "host:port",
+// 127.0.0.1:6379 when unset or unreadable.
+struct tq_redis_addr_t {
+    bool is_unix;
+    std::string path;  // socket path, or host name
+    int port;
+};
+tq_redis_addr_t tq_redis_addr_from_env(void);
+tq_redis_addr_t tq_redis_addr_parse(const std::string &text);
+
+// A blocking connection with a connect and I/O timeout; null when it fails.
+redisContext *tq_redis_connect(const tq_redis_addr_t &addr, int timeout_ms);
+// A non-blocking connection driven by `master`; null when it fails at once.
+redisAsyncContext *tq_redis_connect_async(const tq_redis_addr_t &addr, struct event_base *master);
+// Makes sure keyspace notifications carry at least the classes in `need`
+// ("K$hgx"), keeping what the server has already: CONFIG GET, then CONFIG SET
+// of the union when something is missing. 0, or -11 when the server refuses.
+int tq_redis_enable_notices(redisContext *c, const char *need);
+// Escapes the glob characters of a key text for MATCH, KEYS and PSUBSCRIBE.
+std::string tq_redis_glob_escape(const std::string &text);
+
+// Counters of the client made by tq_mom_redis_new (0 for another client).
+// Values that do not decode (skipped, never delivered).
+uint64_t tq_mom_redis_bad_values(tq_mom_client_t *c);
+// Error replies to pipelined writes.
+uint64_t tq_mom_redis_write_errors(tq_mom_client_t *c);
+// Commands sent on the command connection (each one a request of its own,
+// pipelined or not).
+uint64_t tq_mom_redis_commands(tq_mom_client_t *c);

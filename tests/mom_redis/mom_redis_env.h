@@ -1,0 +1,67 @@
+// A private redis-server on a Unix socket for one test, an event loop, and a
+// plain client to look at (and write to) the store from outside.
+#pragma once
+#include <event2/event.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "support/proc_harness.h"
+
+class redis_env_t : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!redis_server_t::available())
+            GTEST_SKIP() << "no redis-server binary found: these tests need a real Redis";
+        dir_ = std::make_unique<temp_dir_t>();
+        server_ = std::make_unique<redis_server_t>(dir_->path());
+        ASSERT_TRUE(server_->start()) << "redis-server did not start in " << dir_->path();
+        setenv("MOM_REDIS", server_->mom_redis().c_str(), 1);
+        cli_ = std::make_unique<redis_cli_t>(server_->socket());
+        ASSERT_TRUE(cli_->ok());
+        base_ = event_base_new();
+        ASSERT_NE(base_, nullptr);
+    }
+
+    void TearDown() override {
+        cli_.reset();
+        if (server_ != nullptr) server_->stop();
+        server_.reset();
+        dir_.reset();
+        if (base_ != nullptr) event_base_free(base_);
+        unsetenv("MOM_REDIS");
+    }
+
+    // Runs the loop without blocking until cond holds or ms pass.
+    template <typename F>
+    bool pump(F cond, int ms = 3000) {
+        auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (std::chrono::steady_clock::now() < end) {
+            if (cond()) return true;
+            event_base_loop(base_, EVLOOP_NONBLOCK | EVLOOP_ONCE);
+            usleep(500);
+        }
+        return cond();
+    }
+
+    void turn() { event_base_loop(base_, EVLOOP_NONBLOCK | EVLOOP_ONCE); }
+
+    // A field of an INFO section ("total_commands_processed", "cmdstat_eval" calls).
+    long info_number(const std::string &section, const std::string &field) {
+        std::string text = cli_->command({"INFO", section});
+        size_t at = text.find(field + ":");
+        if (at == std::string::npos) return 0;
+        at += field.size() + 1;
+        if (text.compare(at, 6, "calls=") == 0) at += 6;
+        return std::strtol(text.c_str() + at, nullptr, 10);
+    }
+
+    std::unique_ptr<temp_dir_t> dir_;
+    std::unique_ptr<redis_server_t> server_;
+    std::unique_ptr<redis_cli_t> cli_;
+    struct event_base *base_ = nullptr;
+};
