@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "app/proc/ce_l3vpn_err.h"
+#include "app/proc/ce_l3vpn_proto_op.h"
 #include "app/proc/ce_l3vpn_tbl.h"
 #include "app/proc/ce_l3vpn_wake.h"
 #include "platform/ham/ham.h"
@@ -101,6 +102,7 @@ int ce_l3vpn_main(void) {
         return 17;
     }
     ce_l3_table_init(ce_l3vpn_global);
+    ce_l3vpn_proto_op_init();
     ce_l3vpn_rdnd_reg(ce_l3vpn_global);
 
     CE_L3VPN_LOG(CE_L3VPN_INFO, "mpls l3 init over, start running.\n");

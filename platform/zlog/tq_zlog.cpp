@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <sys/time.h>
 
@@ -31,6 +32,9 @@ void tqdf_zlog(uint64_t handle, const char *file, size_t filelen, const char *fu
     va_start(ap, fmt);
     vsnprintf(text, sizeof text, fmt, ap);
     va_end(ap);
+    // Messages often end in their own newline; the line gets exactly one.
+    size_t len = strlen(text);
+    while (len > 0 && text[len - 1] == '\n') text[--len] = '\0';
     // One write per line so lines of concurrent writers never interleave.
     fprintf(stderr, "%s.%03ld %-5s %.*s:%ld %.*s: %s\n", stamp, (long)(tv.tv_usec / 1000),
             tq_zlog_prio_word(priority), (int)filelen, file, line, (int)funclen, func, text);
