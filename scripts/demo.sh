@@ -49,7 +49,7 @@ echo 4 > "$root/data/sw_mpls/ce_l3vpn_zlog.dbg"
     [ "$rc" -eq 77 ] || break
     sleep 1
   done
-) &
+) 2>/dev/null &
 loop_pid=$!
 
 say "Waiting until the daemon has subscribed and finished its first data sync"
