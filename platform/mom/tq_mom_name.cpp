@@ -104,9 +104,15 @@ int ip_to_text(const ProtobufCMessage *ip, std::string &out) {
         uint32_t v = field_at<uint32_t>(sub, data);
         unsigned char bytes[4];
         std::memcpy(bytes, &v, sizeof bytes);
-        inet_ntop(AF_INET, bytes, buf, sizeof buf);
+        // Dotted decimal by hand: every record write builds a key, and
+        // inet_ntop's formatting cost most of it.
+        char *p = buf;
+        for (int i = 0; i < 4; ++i) {
+            if (i > 0) *p++ = '.';
+            p = std::to_chars(p, buf + sizeof buf, bytes[i]).ptr;
+        }
         out += "v4:";
-        out += buf;
+        out.append(buf, p);
         return 0;
     }
     if (data->type != PROTOBUF_C_TYPE_BYTES) return TQ_MOM_ERR_PARAM;
@@ -194,6 +200,12 @@ bool text_to_ip(const ProtobufCMessageDescriptor *desc, std::string_view text,
 
 // ---- key fields -------------------------------------------------------------
 
+template <class T>
+void append_int(std::string &out, T v) {
+    char buf[24];
+    out.append(buf, std::to_chars(buf, buf + sizeof buf, v).ptr);
+}
+
 int field_to_text(const ProtobufCMessage *key, const ProtobufCFieldDescriptor *f,
                   std::string &out) {
     if (f->label == PROTOBUF_C_LABEL_REPEATED || (f->flags & PROTOBUF_C_FIELD_FLAG_ONEOF))
@@ -203,20 +215,20 @@ int field_to_text(const ProtobufCMessage *key, const ProtobufCFieldDescriptor *f
     case PROTOBUF_C_TYPE_SINT32:
     case PROTOBUF_C_TYPE_SFIXED32:
     case PROTOBUF_C_TYPE_ENUM:
-        out += std::to_string(field_at<int32_t>(key, f));
+        append_int(out, field_at<int32_t>(key, f));
         return 0;
     case PROTOBUF_C_TYPE_UINT32:
     case PROTOBUF_C_TYPE_FIXED32:
-        out += std::to_string(field_at<uint32_t>(key, f));
+        append_int(out, field_at<uint32_t>(key, f));
         return 0;
     case PROTOBUF_C_TYPE_INT64:
     case PROTOBUF_C_TYPE_SINT64:
     case PROTOBUF_C_TYPE_SFIXED64:
-        out += std::to_string(field_at<int64_t>(key, f));
+        append_int(out, field_at<int64_t>(key, f));
         return 0;
     case PROTOBUF_C_TYPE_UINT64:
     case PROTOBUF_C_TYPE_FIXED64:
-        out += std::to_string(field_at<uint64_t>(key, f));
+        append_int(out, field_at<uint64_t>(key, f));
         return 0;
     case PROTOBUF_C_TYPE_BOOL:
         out += field_at<protobuf_c_boolean>(key, f) ? '1' : '0';
@@ -419,15 +431,17 @@ int tq_mom_key_from_text(const ProtobufCMessageDescriptor *key_desc, std::string
 int tq_mom_record_key(const ProtobufCMessage *item, std::string &out) {
     out.clear();
     if (item == nullptr) return TQ_MOM_ERR_PARAM;
-    std::string table = item->descriptor->name;
     if (tq_mom_key_desc(item->descriptor) == nullptr) {
-        out = table;
+        out = item->descriptor->name;
         return 0;
     }
     std::string text;
     int rv = tq_mom_key_to_text(tq_mom_item_key(item), text);
     if (rv != 0) return rv;
-    out = table + "|" + text;
+    out.reserve(strlen(item->descriptor->name) + 1 + text.size());
+    out += item->descriptor->name;
+    out += '|';
+    out += text;
     return 0;
 }
 
