@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <unordered_map>
 
 #include "app/proc/ce_l3vpn_dump.h"
@@ -55,11 +56,27 @@ UMpls__UdpSrteStatusCnt srte_record(const ce_msg_status_cnt_t &e, UMpls__UdpSrte
     }
     return rec;
 }
+
+// An entry of a map, created as `init` when absent. A failed allocation is the
+// insertion failure of the handlers (null here, -11 there): no exception
+// leaves a handler.
+template <typename Map>
+typename Map::mapped_type *map_find_or_insert(Map *map, uint32_t key,
+                                              const typename Map::mapped_type &init) {
+    if (map == nullptr) return nullptr;
+    try {
+        return &map->try_emplace(key, init).first->second;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
 }  // namespace
 
 void ce_l3vpn_cnt_maps_init(void) {
-    if (g_cnt == nullptr) g_cnt = new std::unordered_map<uint32_t, ce_msg_status_cnt_t>();
-    if (g_data_if == nullptr) g_data_if = new std::unordered_map<uint32_t, ce_l3vpn_data_if_t>();
+    if (g_cnt == nullptr)
+        g_cnt = new (std::nothrow) std::unordered_map<uint32_t, ce_msg_status_cnt_t>();
+    if (g_data_if == nullptr)
+        g_data_if = new (std::nothrow) std::unordered_map<uint32_t, ce_l3vpn_data_if_t>();
 }
 
 void ce_l3vpn_cnt_maps_free(void) {
@@ -90,14 +107,11 @@ int ce_l3_tunnel_sc_add(void *value, void *) {
     CE_L3VPN_CHK_NULL_NAME(sc->index, "sc->index");
     const uint32_t ifindex = sc->index->ifindex;
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, ">>>>> add tunnel[%u] sc .\n", ifindex);
-    if (g_cnt == nullptr) return -11;
-    ce_msg_status_cnt_t *entry = ce_l3vpn_cnt_find(ifindex);
-    if (entry == nullptr) {
-        ce_msg_status_cnt_t zero;
-        memset(&zero, 0, sizeof zero);
-        zero.index = ifindex;
-        entry = &g_cnt->emplace(ifindex, zero).first->second;
-    }
+    ce_msg_status_cnt_t zero;
+    memset(&zero, 0, sizeof zero);
+    zero.index = ifindex;
+    ce_msg_status_cnt_t *entry = map_find_or_insert(g_cnt, ifindex, zero);
+    if (entry == nullptr) return -11;
     const ce_l3vpn_data_if_t *d = ce_l3vpn_data_if_find(ifindex);
     entry->enable = (d != nullptr && d->statis_flag != 0) ? 1 : 0;
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, ">>>>> add l3_tunnel_sc over.\n");
@@ -125,13 +139,12 @@ int ce_l3_data_if_flag_add(void *value, void *) {
     CE_L3VPN_LOG(CE_L3VPN_INFO, ">>>>> add l3_data_if_cnt.\n");
     CE_L3VPN_CHK_NULL_NAME(intf->index, "data_intf->index");
     const uint32_t ifx = intf->index->index;
-    if (g_data_if == nullptr) return -11;
-    ce_l3vpn_data_if_t &d = (*g_data_if)[ifx];
-    d.ifx = ifx;
-    d.statis_flag = intf->statis_flag;
-    dump_data_if(d);
+    ce_l3vpn_data_if_t *d = map_find_or_insert(g_data_if, ifx, ce_l3vpn_data_if_t{ifx, 0});
+    if (d == nullptr) return -11;
+    d->statis_flag = intf->statis_flag;
+    dump_data_if(*d);
     if (ce_msg_status_cnt_t *entry = ce_l3vpn_cnt_find(ifx)) {
-        if (d.statis_flag == 0) {
+        if (d->statis_flag == 0) {
             entry->enable = 0;
             ce_l3_data_if_flag_del_msg(entry);
         } else {

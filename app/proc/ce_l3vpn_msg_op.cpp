@@ -144,6 +144,7 @@ bool ipv4_mapped(const uint8_t ip[16]) {
     static const uint8_t prefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
     return memcmp(ip, prefix, sizeof prefix) == 0;
 }
+
 }  // namespace
 
 int ce_l3vpn_fun_subscribe(void) {
@@ -205,16 +206,29 @@ int ce_l3_comm_msg_op(ce_msg_comm_t *msg) {
     }
 }
 
-int ce_l3_ftn_msg_attr_check(const ce_msg_comm_t *ftn) {
-    const ce_msg_data_t *data = &ftn->data;
-    if (!nhop_present(ftn)) {
-        CE_L3VPN_FAIL("mpls_is_ip_zero(&ftn->nhop.nh_ip, ftn->nhop.pro) == false && "
-                      "ftn->nhop.nh_ifx != 0",
-                      CE_ERR_NHOP_EMPTY, "");
+namespace {
+// The FTN and VC-FTN checks: the same three steps with their own texts.
+struct ce_l3_tunnel_check_t {
+    const char *nhop_cond;
+    const char *opcode_cond;
+    uint32_t opcodes;  // bit per allowed opcode
+};
+
+const ce_l3_tunnel_check_t kFtnCheck = {
+    "mpls_is_ip_zero(&ftn->nhop.nh_ip, ftn->nhop.pro) == false && ftn->nhop.nh_ifx != 0",
+    "mpls_is_opcode_with_ftn(data->opcode)", bit(CE_OP_PUSH) | bit(CE_OP_DLVR_TO_IP)};
+const ce_l3_tunnel_check_t kVcFtnCheck = {
+    "mpls_is_ip_zero(&vc_ftn->nhop.nh_ip, vc_ftn->nhop.pro) == false && vc_ftn->nhop.nh_ifx != 0",
+    "mpls_is_opcode_with_vc_ftn(data->opcode)", bit(CE_OP_PUSH)};
+
+int tunnel_attr_check(const ce_l3_tunnel_check_t &c, const ce_msg_comm_t *m) {
+    const ce_msg_data_t *data = &m->data;
+    if (!nhop_present(m)) {
+        CE_L3VPN_FAIL(c.nhop_cond, CE_ERR_NHOP_EMPTY, "");
         return 4;
     }
-    if (data->opcode != CE_OP_PUSH && data->opcode != CE_OP_DLVR_TO_IP) {
-        CE_L3VPN_FAIL("mpls_is_opcode_with_ftn(data->opcode)", CE_ERR_OPCODE, "%u", data->opcode);
+    if (data->opcode >= 32 || (c.opcodes & bit(data->opcode)) == 0) {
+        CE_L3VPN_FAIL(c.opcode_cond, CE_ERR_OPCODE, "%u", data->opcode);
         return 4;
     }
     if (!SS_MPLS_CHECK_LABEL_DEPTH_VALID(data->n_labels)) {
@@ -224,26 +238,12 @@ int ce_l3_ftn_msg_attr_check(const ce_msg_comm_t *ftn) {
     }
     return 0;
 }
+}  // namespace
+
+int ce_l3_ftn_msg_attr_check(const ce_msg_comm_t *ftn) { return tunnel_attr_check(kFtnCheck, ftn); }
 
 int ce_l3_vc_ftn_msg_attr_check(const ce_msg_comm_t *vc_ftn) {
-    const ce_msg_data_t *data = &vc_ftn->data;
-    if (!nhop_present(vc_ftn)) {
-        CE_L3VPN_FAIL("mpls_is_ip_zero(&vc_ftn->nhop.nh_ip, vc_ftn->nhop.pro) == false && "
-                      "vc_ftn->nhop.nh_ifx != 0",
-                      CE_ERR_NHOP_EMPTY, "");
-        return 4;
-    }
-    if (data->opcode != CE_OP_PUSH) {
-        CE_L3VPN_FAIL("mpls_is_opcode_with_vc_ftn(data->opcode)", CE_ERR_OPCODE, "%u",
-                      data->opcode);
-        return 4;
-    }
-    if (!SS_MPLS_CHECK_LABEL_DEPTH_VALID(data->n_labels)) {
-        CE_L3VPN_FAIL("SS_MPLS_CHECK_LABEL_DEPTH_VALID(data->n_labels)", CE_ERR_LABEL_DEPTH, "%u",
-                      data->n_labels);
-        return 4;
-    }
-    return 0;
+    return tunnel_attr_check(kVcFtnCheck, vc_ftn);
 }
 
 int ce_l3_ilm_msg_attr_check(const ce_msg_comm_t *ilm) {
