@@ -5,6 +5,7 @@
 set -eu
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 BUILD=${BUILD:-$ROOT/build-bench}
+"$ROOT/scripts/deps.sh"
 cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=Release -DL3VPN_TESTS=ON >/dev/null
 ninja -C "$BUILD" -j2 ce_mpls_l3vpn l3vpn_soak >/dev/null
 L3VPN_BUILD_DIR=$BUILD exec "$BUILD/bench/l3vpn_soak" "$@"
