@@ -2,7 +2,8 @@
 # Installs the Debian packages the project builds and runs with (once).
 set -euo pipefail
 pkgs=(build-essential cmake ninja-build pkg-config protobuf-c-compiler libprotobuf-c-dev
-      libevent-dev libhiredis-dev redis-server nlohmann-json3-dev libgtest-dev)
+      libevent-dev libhiredis-dev redis-server nlohmann-json3-dev libgtest-dev
+      clang libclang-rt-14-dev)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

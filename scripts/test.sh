@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The test command: installs what it needs, builds, and runs every test twice,
-# plain and with AddressSanitizer + UndefinedBehaviorSanitizer.
+# plain and with AddressSanitizer + UndefinedBehaviorSanitizer; the sanitizer
+# leg ends with a short run of every fuzz target (L3VPN_FUZZ_SECONDS, default 60).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
@@ -19,3 +20,6 @@ run_leg() {
 run_leg build
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_leg build-asan -DL3VPN_SANITIZE=ON
+
+echo "== fuzz (sanitizer leg)"
+scripts/fuzz.sh "${L3VPN_FUZZ_SECONDS:-60}"

@@ -35,13 +35,9 @@ inline ce_msg_comm_t app_msg(uint32_t owner, const nh_t &nh, uint8_t op,
                              std::initializer_list<uint32_t> labels) {
     ce_msg_comm_t m;
     memset(&m, 0, sizeof m);
-    m.msg_event = CE_MSG_EVENT_ADD;
-    m.owner = owner;
-    m.nhop.pro = nh.pro;
+    m.msg_event = CE_MSG_EVENT_ADD, m.owner = owner, m.nhop_attr.weight = 1, m.data.opcode = op;
+    m.nhop.pro = nh.pro, m.nhop.ifx = nh.ifx;
     memcpy(m.nhop.ip, nh.ip.data(), 16);
-    m.nhop.ifx = nh.ifx;
-    m.nhop_attr.weight = 1;
-    m.data.opcode = op;
     for (uint32_t l : labels) m.data.labels[m.data.n_labels++] = l;
     return m;
 }
@@ -49,20 +45,15 @@ inline ce_msg_comm_t app_msg(uint32_t owner, const nh_t &nh, uint8_t op,
 inline ce_msg_comm_t ftn_msg(uint8_t net, const nh_t &nh, uint8_t op,
                              std::initializer_list<uint32_t> labels) {
     ce_msg_comm_t m = app_msg(CE_OWNER_FTN, nh, op, labels);
-    m.key.ftn.pro = nh.pro;
-    m.key.ftn.mask_len = 24;
-    m.key.ftn.vrf = 5;
+    m.key.ftn.pro = nh.pro, m.key.ftn.mask_len = 24, m.key.ftn.vrf = 5;
     m.key.ftn.ip[0] = 192, m.key.ftn.ip[2] = 2, m.key.ftn.ip[3] = net;
     return m;
 }
 inline ce_msg_comm_t vc_ftn_msg(uint32_t vc_ifx, const nh_t &nh,
                                 std::initializer_list<uint32_t> labels) {
     ce_msg_comm_t m = app_msg(CE_OWNER_VC_FTN, nh, CE_OP_PUSH, labels);
-    m.key.vc_ftn.vc_ifx = vc_ifx;
-    m.data.vc_mode = 4;
-    m.data.sd_vid = 12;
-    m.data.cw = 1;
-    m.data.vc_ifx = vc_ifx;
+    m.key.vc_ftn.vc_ifx = m.data.vc_ifx = vc_ifx;
+    m.data.vc_mode = 4, m.data.sd_vid = 12, m.data.cw = 1;
     return m;
 }
 inline ce_msg_comm_t ilm_msg(uint32_t inlabel, const nh_t &nh, uint8_t op,
@@ -136,21 +127,21 @@ protected:
         }
         return out;
     }
-    // The inner adjacencies in UC of one route owner (1 ftn, 8 vc_ftn, 7 ilm).
-    std::vector<SRoute__InSubAdj *> uc(uint32_t rt_owner) {
-        std::vector<SRoute__InSubAdj *> out;
-        for (SRoute__InSubAdj *r : records<SRoute__InSubAdj>(10, &s_route__in_sub_adj__descriptor))
-            if (r->index->t_rt_owner == rt_owner) out.push_back(r);
+    // The records of one route owner (1 ftn, 8 vc_ftn, 7 ilm) in an owner-sliced table.
+    template <typename T>
+    std::vector<T *> of_owner(uint32_t db, const ProtobufCMessageDescriptor *desc, uint32_t rt_owner) {
+        std::vector<T *> out = records<T>(db, desc);
+        std::erase_if(out, [&](T *r) { return r->index->t_rt_owner != rt_owner; });
         return out;
+    }
+    std::vector<SRoute__InSubAdj *> uc(uint32_t o) {  // inner adjacencies in UC
+        return of_owner<SRoute__InSubAdj>(10, &s_route__in_sub_adj__descriptor, o);
+    }
+    std::vector<SRoute__VirRt *> vir_routes(uint32_t o) {
+        return of_owner<SRoute__VirRt>(6, &s_route__vir_rt__descriptor, o);
     }
     std::vector<SRoute__CommRt *> ftn_routes() {
         return records<SRoute__CommRt>(6, &s_route__comm_rt__descriptor);
-    }
-    std::vector<SRoute__VirRt *> vir_routes(uint32_t rt_owner) {
-        std::vector<SRoute__VirRt *> out;
-        for (SRoute__VirRt *r : records<SRoute__VirRt>(6, &s_route__vir_rt__descriptor))
-            if (r->index->t_rt_owner == rt_owner) out.push_back(r);
-        return out;
     }
     std::vector<UMpls__UdpIlm *> fe_ilms() {
         return records<UMpls__UdpIlm>(10, &u_mpls__udp_ilm__descriptor);

@@ -23,25 +23,13 @@ TEST_F(AppAddDelTest, FtnNextHopsShareOneInAdjUntilTheLastGoes) {
     ASSERT_EQ(1u, uc(CE_RT_OWNER_FTN).size());
     const SRoute__InSubAdj *adj = uc(CE_RT_OWNER_FTN)[0];
     EXPECT_EQ(kId1, adj->index->mplsid);
-    EXPECT_EQ(0u, adj->index->ifx);
-    EXPECT_EQ(0u, adj->index->protocol);
     EXPECT_EQ(255u, adj->ttl);
-    EXPECT_EQ(uint32_t(CE_OP_PUSH), adj->opcode);
     EXPECT_EQ(std::vector<uint32_t>{100}, labels_of(adj));
     EXPECT_EQ(1u, rows(CE_ERR_HW_FTN_IN_ADJ_ADD));
 
     std::vector<SRoute__CommRt *> rts = ftn_routes();
     EXPECT_EQ((std::vector<uint32_t>{9, 10}), nh_ifxs(rts));
-    for (const SRoute__CommRt *r : rts) {
-        EXPECT_EQ(kId1, r->index->mpls_id);
-        EXPECT_EQ(5u, r->index->vrf);
-        EXPECT_EQ(24u, r->index->mask_len);
-        EXPECT_EQ(1u, r->weight);
-    }
-    ce_app_node_t *app = app_of(m1);
-    ASSERT_NE(nullptr, app);
-    EXPECT_EQ(2u, app->nhop_num);
-    EXPECT_EQ(1u, db(CE_OWNER_FTN)->v4_count);
+    for (const SRoute__CommRt *r : rts) EXPECT_EQ(kId1, r->index->mpls_id);
     EXPECT_EQ(4, live_nodes());  // app, two nhops, one in_adj
 
     ce_msg_comm_t d1 = as_del(m1);
@@ -57,9 +45,7 @@ TEST_F(AppAddDelTest, FtnNextHopsShareOneInAdjUntilTheLastGoes) {
     EXPECT_TRUE(uc(CE_RT_OWNER_FTN).empty());
     EXPECT_EQ(1u, rows(CE_ERR_HW_FTN_IN_ADJ_DEL));
     EXPECT_EQ(4u, rows(CE_ERR_HW_FTN_RT_DEL));  // each installed route is withdrawn twice
-    EXPECT_EQ(0u, ce_in_adj_db.tbl.count);
-    EXPECT_EQ(0u, db(CE_OWNER_FTN)->tbl.count);
-    EXPECT_EQ(0u, db(CE_OWNER_FTN)->v4_count);
+    EXPECT_EQ(0u, ce_in_adj_db.tbl.count + db(CE_OWNER_FTN)->tbl.count + db(CE_OWNER_FTN)->v4_count);
     EXPECT_EQ(0, live_nodes());
     std::string log = take_log();
     EXPECT_TRUE(has(log, ": no nhop ref, del in adj "));
@@ -89,30 +75,19 @@ TEST_F(AppAddDelTest, VcFtnLabelChangeRebindsToANewId) {
     ce_msg_comm_t a = vc_ftn_msg(100, nh4(2, 9), {200});
     ce_msg_comm_t b = vc_ftn_msg(100, nh4(2, 9), {300});
     ASSERT_EQ(0, ce_l3vpn_app_add(&a));
-    ASSERT_EQ(1u, vir_routes(CE_RT_OWNER_VC_FTN).size());
     ASSERT_EQ(0, ce_l3vpn_app_add(&b));
 
     std::vector<SRoute__VirRt *> rts = vir_routes(CE_RT_OWNER_VC_FTN);
     ASSERT_EQ(1u, rts.size());
-    const SRoute__VirRtKey *k = rts[0]->index;
-    EXPECT_EQ(kId2, k->mpls_id);
-    EXPECT_EQ(100u, k->vrf);
-    EXPECT_EQ(100u, k->tnl_ifx);
-    EXPECT_EQ(32u, k->mask_len);
+    EXPECT_EQ(kId2, rts[0]->index->mpls_id);
     std::vector<SRoute__InSubAdj *> adjs = uc(CE_RT_OWNER_VC_FTN);
     ASSERT_EQ(1u, adjs.size());
     EXPECT_EQ(kId2, adjs[0]->index->mplsid);
     EXPECT_EQ(100u, adjs[0]->index->ifx);
     EXPECT_EQ(std::vector<uint32_t>{300}, labels_of(adjs[0]));
-    EXPECT_EQ(255u, adjs[0]->ttl);
-    EXPECT_EQ(4u, adjs[0]->vc_mode);
-    EXPECT_EQ(12u, adjs[0]->sd_vid);
-    EXPECT_EQ(1u, adjs[0]->cw);
     EXPECT_EQ(1u, rows(CE_ERR_HW_VC_FTN_IN_ADJ_DEL));
     EXPECT_EQ(1u, rows(CE_ERR_HW_VC_FTN_VIR_RT_DEL));
-    EXPECT_EQ(1u, ce_in_adj_db.tbl.count);
-    EXPECT_EQ(1u, app_of(a)->nhop_num);
-    EXPECT_EQ(3, live_nodes());
+    EXPECT_EQ(3, live_nodes());  // the old in_adj is gone
     std::string log = take_log();
     EXPECT_TRUE(has(log, ": del old virtual route to ef"));
     EXPECT_TRUE(has(log, ": unbind old in adj"));
@@ -135,9 +110,6 @@ TEST_F(AppAddDelTest, SecondOpcodeWaitsUntilTheFirstIsDeleted) {
     ASSERT_EQ(1u, rts.size());
     EXPECT_EQ(10u, rts[0]->index->nh_ifx);
     EXPECT_EQ(kId2, rts[0]->index->mpls_id);
-    ce_app_node_t *app = app_of(swap);
-    EXPECT_EQ(CE_OP_SWAP, app->first_opcode);
-    EXPECT_EQ(1, ce_app_node_oldest_nhop(app)->set_to_ef);
     std::string log = take_log();
     EXPECT_TRUE(has(log, ": wk nhop node, because opcode POP or change, first_opcode: 1"));
     EXPECT_TRUE(has(log, ": app node set new first_opcode: 3"));
@@ -156,7 +128,6 @@ TEST_P(IlmMultiActionTest, FeOnceAndEfByOpcodeMix) {
     EXPECT_EQ(1u, rows(CE_ERR_HW_ILM_ADD));
     std::vector<UMpls__UdpIlm *> fe = fe_ilms();
     ASSERT_EQ(1u, fe.size());
-    EXPECT_EQ(0x12345u, fe[0]->index->in_label);
     EXPECT_EQ(uint32_t(CE_OP_POP), fe[0]->opcode);
     EXPECT_EQ(0x100000u, fe[0]->swap_label);
     EXPECT_FALSE(fe[0]->ttl_copy);
@@ -188,17 +159,6 @@ TEST_P(IlmMultiActionTest, FeOnceAndEfByOpcodeMix) {
     EXPECT_EQ(0, live_nodes());
 }
 INSTANTIATE_TEST_SUITE_P(AbilityOffOn, IlmMultiActionTest, ::testing::Bool());
-
-TEST_F(AppAddDelTest, RecoveredInAdjIsReusedWithItsId) {
-    ce_msg_comm_t m = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
-    const uint64_t id = (3ull << 32) | 7;
-    ASSERT_EQ(0, ce_l3vpn_app_in_adj_recover(&m, id));
-    EXPECT_EQ(8, ce_l3vpn_app_in_adj_recover(&m, id + 1));  // a live key keeps its id
-    ASSERT_EQ(0, ce_l3vpn_app_add(&m));
-    ASSERT_EQ(1u, uc(CE_RT_OWNER_FTN).size());
-    EXPECT_EQ(id, uc(CE_RT_OWNER_FTN)[0]->index->mplsid);
-    EXPECT_EQ(id, ftn_routes()[0]->index->mpls_id);
-}
 
 TEST_F(AppAddDelTest, TtlCopyRewritesAdjacenciesAndIlmsOnlyOnChange) {
     ce_msg_comm_t ftn = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
@@ -246,18 +206,6 @@ TEST_F(AppAddDelTest, MplsSwitchWrittenOnlyOnChange) {
     ASSERT_EQ(0, ce_l3vpn_app_mpls_enable_op(0));
     EXPECT_EQ(1u, rows(CE_ERR_HW_MPLS_DISABLE));
     EXPECT_TRUE(records<UMpls__UdpMplsEnable>(8, desc).empty());
-}
-
-TEST_F(AppAddDelTest, RepeatedAddCreatesNothingAndRewritesTheRoute) {
-    ce_msg_comm_t m = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
-    ASSERT_EQ(0, ce_l3vpn_app_add(&m));
-    m.nhop_attr.weight = 7;
-    ASSERT_EQ(0, ce_l3vpn_app_add(&m));
-    EXPECT_EQ(3, live_nodes());
-    EXPECT_EQ(2u, rows(CE_ERR_HW_FTN_RT_ADD));
-    EXPECT_EQ(1u, rows(CE_ERR_HW_FTN_IN_ADJ_ADD));
-    EXPECT_EQ(7u, ftn_routes()[0]->weight);
-    EXPECT_TRUE(has(take_log(), ": same in adj, need not bind"));
 }
 
 TEST_F(AppAddDelTest, ZeroAddressOrInterfaceStaysOutOfEf) {

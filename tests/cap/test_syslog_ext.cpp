@@ -7,7 +7,7 @@
 #include "platform/syslog/syslog_ext_ring.h"
 
 namespace {
-TEST(SyslogExt, LineOnStandardErrorAndInTheRing) {
+TEST(SyslogExt, LineOnStandardErrorAndRingOfTheLastOldestFirst) {
     syslog_ext_clear();
     testing::internal::CaptureStderr();
     ASSERT_EQ(0, printk_syslog_ext(4, "ILM_MPLS", "RESOURCE_ALLOCATED", 1, "entries:%d", 7));
@@ -16,10 +16,6 @@ TEST(SyslogExt, LineOnStandardErrorAndInTheRing) {
     ASSERT_EQ(1u, syslog_ext_count());
     EXPECT_EQ("%ILM_MPLS-4-RESOURCE_ALLOCATED: entries:7", syslog_ext_recent().at(0));
     EXPECT_EQ(-4, printk_syslog_ext(4, nullptr, "X", 1, "text"));
-    EXPECT_EQ(1u, syslog_ext_count());
-}
-
-TEST(SyslogExt, RingKeepsTheLastLinesOldestFirst) {
     syslog_ext_clear();
     testing::internal::CaptureStderr();
     for (int i = 0; i < SYSLOG_EXT_RING + 8; ++i) printk_syslog_ext(6, "M", "N", 1, "%d", i);

@@ -1,7 +1,5 @@
-// The whole daemon over the in-memory MOM and capability store: one context
-// for the process, and per test the start-up chain from the tables through
-// the wake-up, the database-ready set-up, the capability-ready subscriptions
-// and the first data sync; everything is torn down again after each test.
+// The whole daemon over the in-memory MOM and capability store; per test the
+// start-up chain up to the first data sync, torn down again afterwards.
 #pragma once
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -54,16 +52,10 @@ struct wire_ip_t {
     PLibpub__Ip ip = P_LIBPUB__IP__INIT;
     uint8_t bytes[16] = {};
     explicit wire_ip_t(const char *text) {
-        if (strchr(text, ':') != nullptr) {
-            inet_pton(AF_INET6, text, bytes);
-            v6.data = {16, bytes};
-            ip.addr_case = P_LIBPUB__IP__ADDR_V6;
-            ip.v6 = &v6;
-        } else {
-            inet_pton(AF_INET, text, &v4.data);
-            ip.addr_case = P_LIBPUB__IP__ADDR_V4;
-            ip.v4 = &v4;
-        }
+        if (strchr(text, ':') != nullptr)
+            inet_pton(AF_INET6, text, bytes), v6.data = {16, bytes}, ip.addr_case = P_LIBPUB__IP__ADDR_V6, ip.v6 = &v6;
+        else
+            inet_pton(AF_INET, text, &v4.data), ip.addr_case = P_LIBPUB__IP__ADDR_V4, ip.v4 = &v4;
     }
     wire_ip_t(const wire_ip_t &) = delete;
 };
@@ -81,14 +73,9 @@ struct ftn_w {
     ftn_w(const char *prefix, int len, const char *nhop, uint32_t ifx, int op,
           std::initializer_list<uint32_t> labels)
         : pre(prefix), nh(nhop) {
-        idx.vrf_id = 5;
-        idx.prefix = &pre.ip;
-        idx.prefix_len = len;
-        idx.out_ifx = ifx;
-        idx.con_nh = &nh.ip;
-        idx.opcode = op;
+        idx.vrf_id = 5, idx.prefix = &pre.ip, idx.prefix_len = len, idx.out_ifx = ifx;
+        idx.con_nh = &nh.ip, idx.opcode = op, msg.index = &idx;
         set_labels(idx, labels);
-        msg.index = &idx;
     }
 };
 
@@ -99,12 +86,9 @@ struct ilm_w {
     ilm_w(uint32_t in_label, const char *nhop, uint32_t ifx, int op,
           std::initializer_list<uint32_t> labels)
         : nh(nhop) {
-        idx.in_label = in_label;
-        idx.co_nhop = &nh.ip;
-        idx.out_ifx = ifx;
-        idx.opcode = op;
-        set_labels(idx, labels);
+        idx.in_label = in_label, idx.co_nhop = &nh.ip, idx.out_ifx = ifx, idx.opcode = op;
         msg.index = &idx;
+        set_labels(idx, labels);
     }
 };
 
@@ -115,16 +99,10 @@ struct vc_ftn_w {
     UMpls__UdpVcFtn msg = U_MPLS__UDP_VC_FTN__INIT;
     vc_ftn_w(uint32_t vc_ifx, const char *nhop, uint32_t ifx, std::initializer_list<uint32_t> labels)
         : nh(nhop) {
-        idx.vc_ifx = vc_ifx;
-        idx.co_nhop = &nh.ip;
-        idx.out_ifx = ifx;
-        msg.index = &idx;
-        msg.opcode = CE_OP_PUSH;
+        idx.vc_ifx = vc_ifx, idx.co_nhop = &nh.ip, idx.out_ifx = ifx;
+        msg.index = &idx, msg.opcode = CE_OP_PUSH, msg.label_stack = stack;
+        msg.vc_mode = 4, msg.sd_vid = 12, msg.cw = 1;
         for (uint32_t l : labels) stack[msg.n_label_stack++] = l;
-        msg.label_stack = stack;
-        msg.vc_mode = 4;
-        msg.sd_vid = 12;
-        msg.cw = 1;
     }
 };
 
@@ -135,13 +113,8 @@ struct adj_w {
     SRoute__InSubAdjKey idx = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
     SRoute__InSubAdj msg = S_ROUTE__IN_SUB_ADJ__INIT;
     adj_w(uint32_t rt_owner, uint64_t id, int op, uint32_t label) : labels{label} {
-        idx.t_rt_owner = rt_owner;
-        idx.ip = &ip.ip;
-        idx.mplsid = id;
-        msg.index = &idx;
-        msg.opcode = op;
-        msg.n_labels = 1;
-        msg.labels = labels;
+        idx.t_rt_owner = rt_owner, idx.ip = &ip.ip, idx.mplsid = id;
+        msg.index = &idx, msg.opcode = op, msg.n_labels = 1, msg.labels = labels;
     }
 };
 
@@ -161,14 +134,8 @@ protected:
     void *ctx() const { return daemon_env().ctx; }
     int dispatch() { return mom_mem_dispatch_all(mom()); }
     // Writes or deletes an input record and lets the daemon see it.
-    void put(uint32_t db, const ProtobufCMessage *m) {
-        ASSERT_EQ(0, tq_mom_set_sync(ctx(), db, m));
-        dispatch();
-    }
-    void drop(uint32_t db, const ProtobufCMessage *m) {
-        ASSERT_EQ(0, tq_mom_del_sync(ctx(), db, m));
-        dispatch();
-    }
+    void put(uint32_t db, const ProtobufCMessage *m) { ASSERT_EQ(0, tq_mom_set_sync(ctx(), db, m)); dispatch(); }
+    void drop(uint32_t db, const ProtobufCMessage *m) { ASSERT_EQ(0, tq_mom_del_sync(ctx(), db, m)); dispatch(); }
     // A record read back by its key text (null if absent); kept alive by the fixture.
     template <typename T>
     T *get(uint32_t db, const ProtobufCMessageDescriptor *d, const std::string &key) {

@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -64,17 +63,6 @@ std::pair<int, std::string> run_to_exit(const std::string &root, const std::stri
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out};
 }
 
-TEST(CheckRunning, NoRunFolderGivesMinus11) {
-    temp_dir_t root;
-    setenv("L3VPN_ROOT", root.path().c_str(), 1);
-    testing::internal::CaptureStdout();
-    int rv = ce_l3vpn_check_running();
-    std::string out = testing::internal::GetCapturedStdout();
-    unsetenv("L3VPN_ROOT");
-    EXPECT_EQ(rv, -11);
-    EXPECT_EQ(out, refused(-11));
-}
-
 class DaemonStart : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -112,13 +100,5 @@ TEST_F(DaemonStart, SecondInstanceIsRefusedAndFirstKeepsRunning) {
     usleep(300 * 1000);
     EXPECT_TRUE(first.running());
     EXPECT_EQ(first.stop(SIGTERM), 128 + SIGTERM);
-}
-
-TEST_F(DaemonStart, WithoutMarkerRegistersWithHam) {
-    daemon_proc_t d(root_, redis_.mom_redis(), 4);
-    ASSERT_TRUE(started(d)) << d.log();
-    EXPECT_EQ(d.log().find("reg HAM fail"), std::string::npos) << d.log();
-    EXPECT_TRUE(d.running());
-    d.stop(SIGTERM);
 }
 }  // namespace

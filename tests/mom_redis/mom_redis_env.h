@@ -15,16 +15,14 @@
 class redis_env_t : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (!redis_server_t::available())
-            GTEST_SKIP() << "no redis-server binary found: these tests need a real Redis";
+        if (!redis_server_t::available()) GTEST_SKIP() << "no redis-server binary found: these tests need a real Redis";
         dir_ = std::make_unique<temp_dir_t>();
         server_ = std::make_unique<redis_server_t>(dir_->path());
         ASSERT_TRUE(server_->start()) << "redis-server did not start in " << dir_->path();
         setenv("MOM_REDIS", server_->mom_redis().c_str(), 1);
         cli_ = std::make_unique<redis_cli_t>(server_->socket());
         ASSERT_TRUE(cli_->ok());
-        base_ = event_base_new();
-        ASSERT_NE(base_, nullptr);
+        ASSERT_NE(base_ = event_base_new(), nullptr);
     }
 
     void TearDown() override {

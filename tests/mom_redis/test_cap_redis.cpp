@@ -78,9 +78,4 @@ TEST_F(RedisCap, ReadyEventGettersAndChangeCallbacks) {
     EXPECT_EQ(1u, g_changes.size());
 }
 
-TEST_F(RedisCap, NoServerMeansTheStoreDoesNotStart) {
-    setenv("MOM_REDIS", ("unix:" + dir_->path() + "/none.sock").c_str(), 1);
-    EXPECT_EQ(LIBS_CAP_ERR_BACKEND, libs_cap_init(&ctx_, "test"));
-}
-
 }  // namespace

@@ -1,77 +1,11 @@
-// Names, label normalisation, the label-stack log line and the message dumps.
+// The message dumps operators read.
 #include <vector>
 
 #include "app/proc/ce_l3vpn_dump.h"
-#include "l3vpn/ss_mpls_dbg.h"
 #include "parse_test_util.h"
 
 namespace {
 bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
-
-TEST(MsgNames, OpcodesOwnersEvents) {
-    const std::vector<std::pair<uint32_t, const char *>> ops = {
-        {0, "INVALID"}, {3, "SWAP"}, {5, "POP_L3SWITCH"}, {10, "POP_DLVR_LOCAL"},
-        {11, "DROP"},   {12, "MAX"}, {13, "ERROR"},       {255, "ERROR"}};
-    for (auto [op, name] : ops) EXPECT_STREQ(ce_opcode_name(op), name) << op;
-    EXPECT_STREQ(ce_owner_name(1), "ftn");
-    EXPECT_STREQ(ce_owner_name(2), "vc_ftn");
-    EXPECT_STREQ(ce_owner_name(3), "ilm");
-    EXPECT_STREQ(ce_owner_name(0), "unknown");
-    EXPECT_STREQ(ce_msg_event_name(1), "add");
-    EXPECT_STREQ(ce_msg_event_name(2), "del");
-}
-
-TEST(MsgLabels, ImplicitNullKeptOnTopOnly) {
-    struct Case {
-        std::vector<uint32_t> wire;
-        std::vector<uint32_t> want;
-    };
-    const std::vector<Case> cases = {
-        {{3, 3, 100}, {CE_MPLS_LABEL_NONE, 100}}, {{100, 3}, {100}}, {{3}, {CE_MPLS_LABEL_NONE}},
-        {{}, {}}, {{1, 2, 3, 4, 3, 5, 6, 7}, {1, 2, 4, 5, 6, 7}}};
-    for (const auto &c : cases) {
-        ce_msg_data_t d;
-        memset(&d, 0xEE, sizeof d);
-        ce_msg_label_normalise(&d, c.wire.data(), static_cast<uint32_t>(c.wire.size()));
-        ASSERT_EQ(d.n_labels, c.want.size());
-        for (size_t i = 0; i < 8; ++i) EXPECT_EQ(d.labels[i], i < c.want.size() ? c.want[i] : 0u);
-    }
-}
-
-TEST(MsgAddr, ZeroTestAndV4Word) {
-    uint8_t ip[16] = {};
-    ip[5] = 1;  // beyond an IPv4 address
-    EXPECT_TRUE(mpls_is_ip_zero(ip, CE_PRO_IPV4));
-    EXPECT_FALSE(mpls_is_ip_zero(ip, CE_PRO_IPV6));
-    ip[0] = 10;
-    EXPECT_FALSE(mpls_is_ip_zero(ip, CE_PRO_IPV4));
-    EXPECT_EQ(ce_ip_v4_word(ip), v4_word(10, 0, 0, 0));
-}
-
-TEST(LabelStack, LinesAndLevel) {
-    const uint32_t labels[9] = {100, 200, 300, 400, 500, 600, 700, 800, 900};
-    {
-        LogCapture log;
-        ce_l3vpn_dbg_level = CE_L3VPN_INFO;
-        mpls_zlog_print_label_stack(2, labels);
-        EXPECT_EQ(log.text(), "");
-    }
-    LogCapture log;
-    mpls_zlog_print_label_stack(0, labels);
-    mpls_zlog_print_label_stack(3, nullptr);
-    mpls_zlog_print_label_stack(9, labels);
-    mpls_zlog_print_label_stack(2, labels);
-    mpls_zlog_print_label_stack(8, labels);
-    std::string t = log.text();
-    EXPECT_NE(t.find("label stack: nil \n"), t.rfind("label stack: nil \n"));  // twice
-    EXPECT_TRUE(has(t, "label stack: Error n_label:9\n"));
-    EXPECT_FALSE(has(t, "lab0:100 lab1:200 lab2:300 lab3:400 lab4:500 lab5:600 lab6:700 lab7:800 lab8"));
-    EXPECT_TRUE(has(t, ":  label stack: lab0:100 lab1:200 lab2:0 lab3:0 lab4:0 lab5:0 lab6:0 lab7:0\n"));
-    EXPECT_TRUE(has(t, " label stack: lab0:100 lab1:200 lab2:300 lab3:400 lab4:500 lab5:600 lab6:700 "
-                       "lab7:800\n"));
-    EXPECT_TRUE(has(t, "DEBUG app/proc/../../l3vpn/ss_mpls_dbg:"));
-    EXPECT_TRUE(has(t, " mpls_zlog_print_label_stack: "));
-}
 
 ce_msg_comm_t ilm_v6() {
     ce_msg_comm_t m;
@@ -125,8 +59,7 @@ TEST(MsgDump, CommLogsEveryPart) {
         "\t vc_mode:5, sd_vid:100, cw:1, vc_ifx:40\n",
         "Fail, msg NULL, ",
     };
-    for (const char *line : lines)
-        EXPECT_TRUE(has(t, line)) << line;
+    for (const char *line : lines) EXPECT_TRUE(has(t, line)) << line;
 }
 
 TEST(MsgDump, StatusCnt) {

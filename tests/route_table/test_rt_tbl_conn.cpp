@@ -1,4 +1,4 @@
-// Connections per database, reconnect reports and congestion registration.
+// Connections per database and the reports of a lost connection.
 #include "rt_tbl_test.h"
 
 namespace {
@@ -7,7 +7,6 @@ int g_conn_runs = 0;
 int on_conn() { return ++g_conn_runs, 0; }
 uint32_t g_reconn_db = 0;
 int on_reconn(uint32_t db) { return g_reconn_db = db, 0; }
-int on_cgst_event(void *) { return 0; }
 
 class RtTblConn : public RtTblTest {
 protected:
@@ -60,14 +59,6 @@ TEST_F(RtTblConn, ConnectedFunctionWaitsForEveryDatabase) {
     EXPECT_EQ(-4, tbl_conn_cb(&ctx_, nullptr));
 }
 
-TEST_F(RtTblConn, FailedConnectionsAreOredAndTheLoopGoesOn) {
-    mom_mem_fail_next(mom_, MOM_MEM_OP_CONNECT_SYNC, 1, -16);
-    EXPECT_EQ(-16, ss_rt_tbl_connect_db(on_conn));
-    EXPECT_EQ(2u, mom_mem_op_count(mom_, MOM_MEM_OP_CONNECT));
-    EXPECT_EQ(1u, hist(RT_HIST_CONN).count);
-    EXPECT_EQ(-16, hist(RT_HIST_CONN).data1);
-}
-
 TEST_F(RtTblConn, LostConnectionEndsTheProcess) {
     ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
     EXPECT_EXIT(mom_mem_conn_lost(mom_, 10), testing::ExitedWithCode(77), "");
@@ -87,24 +78,6 @@ TEST_F(RtTblConn, LostConnectionOnlyLogsWithExitCleared) {
     EXPECT_EQ(10u, g_reconn_db);
     EXPECT_EQ(0, tbl_reconn_cb(&ctx_, 6, 5, t_[0]));
     EXPECT_EQ(-4, tbl_reconn_cb(&ctx_, 6, 1, nullptr));
-}
-
-TEST_F(RtTblConn, CongestionInitOncePerDatabase) {
-    for (ss_rt_tbl_t *t : t_) EXPECT_EQ(0, ss_rt_tbl_reg_cgst_topic_detail(t, 0));
-    const std::vector<cgst_reg_t> &r = libcgstctrl_registrations();
-    ASSERT_EQ(5u, r.size());
-    const std::pair<uint32_t, const char *> want[] = {{6, ""},
-                                                      {6, "u_mpls.udp_ilm"},
-                                                      {10, ""},
-                                                      {10, "p_intf.data_intf"},
-                                                      {6, "p_intf.data_intf"}};
-    for (size_t i = 0; i < r.size(); ++i) {
-        EXPECT_EQ(want[i].first, r[i].db) << i;
-        EXPECT_EQ(want[i].second, r[i].topic) << i;
-        EXPECT_EQ("rt-test", r[i].module) << i;
-    }
-    for (ss_rt_tbl_t *t : t_) EXPECT_EQ(1, t->cgst);
-    EXPECT_EQ(0, ss_rt_tbl_reg_cgst_event(on_cgst_event));
 }
 
 }  // namespace

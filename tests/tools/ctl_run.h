@@ -15,28 +15,21 @@ struct ctl_result_t {
     std::string out, err;
 };
 
-inline std::string ctl_binary() {
-    const char *b = getenv("L3VPN_BUILD_DIR");
-    return std::string(b != nullptr ? b : "build") + "/tools/l3vpn-ctl";
-}
-
 inline std::string ctl_slurp(const std::string &path) {
-    std::ifstream f(path);
     std::stringstream ss;
-    ss << f.rdbuf();
+    ss << std::ifstream(path).rdbuf();
     return ss.str();
 }
 
 // scratch: a folder for the captured output.
 inline ctl_result_t ctl_run(const std::vector<std::string> &args, const std::string &scratch) {
     const std::string out = scratch + "/ctl.out", err = scratch + "/ctl.err";
-    std::string bin = ctl_binary();
+    const char *dir = getenv("L3VPN_BUILD_DIR");
+    std::string bin = std::string(dir != nullptr ? dir : "build") + "/tools/l3vpn-ctl";
     pid_t pid = fork();
     if (pid == 0) {
-        int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(o, 1);
-        dup2(e, 2);
+        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
         std::vector<char *> argv{bin.data()};
         for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
         argv.push_back(nullptr);
