@@ -142,11 +142,21 @@ int write_cmds(tq_mom_redis_t *r, uint32_t db, const std::vector<tq_redis_cmd_t>
 
 // ---- decoding ---------------------------------------------------------------
 
+// A record is delivered only under its own key: a key text that does not
+// parse, or that names another record, would leave outputs no delete can reach.
+ProtobufCMessage *own_key_only(tq_mom_redis_t *r, const std::string &key, ProtobufCMessage *msg) {
+    std::string own;
+    if (msg == nullptr || (tq_mom_record_key(msg, own) == 0 && own == key)) return msg;
+    tq_redis_count_bad(r, key, "key does not match its record");
+    tq_mom_free(msg);
+    return nullptr;
+}
+
 ProtobufCMessage *decode_string(tq_mom_redis_t *r, const ProtobufCMessageDescriptor *desc,
                                 const std::string &key, const redisReply *rep) {
     ProtobufCMessage *msg = tq_mom_unpack(desc, reply_str(rep));
     if (msg == nullptr) tq_redis_count_bad(r, key, "does not decode");
-    return msg;
+    return own_key_only(r, key, msg);
 }
 
 // An HGETALL reply: null for an empty hash (the record is gone) or a bad one.
@@ -158,7 +168,7 @@ ProtobufCMessage *decode_hash(tq_mom_redis_t *r, const ProtobufCMessageDescripto
         fields.emplace_back(reply_str(rep->element[i]), reply_str(rep->element[i + 1]));
     ProtobufCMessage *msg = tq_mom_hash_unpack(desc, fields);
     if (msg == nullptr) tq_redis_count_bad(r, key, "hash does not decode");
-    return msg;
+    return own_key_only(r, key, msg);
 }
 
 int fetch_chunk(tq_mom_redis_t *r, uint32_t db, const ProtobufCMessageDescriptor *desc,

@@ -29,6 +29,12 @@ std::vector<e2e_rec_t> unparsable_key() {
     return {{6, "p_mpls.mom_msg_ftn|not-a-key", "junk"}, {6, "p_mpls.mom_msg_ftn|not-a-key", ""}};
 }
 
+// A good record under a key that is not its own must not be programmed: no
+// delete could ever reach its outputs.
+std::vector<e2e_rec_t> good_record_bad_key() {
+    return {{6, "p_mpls.mom_msg_ftn|not-a-key", e2e_ftn({1, "10.9.0.0", 16, 101, "192.0.2.1", {1001}, 1}).value}};
+}
+
 std::vector<e2e_rec_t> huge_label_stack() {
     return {e2e_vc_ftn({3001, "192.0.2.1", 101, std::vector<uint32_t>(1000, 16), 1, 0, 0, 0})};
 }
@@ -46,6 +52,8 @@ std::vector<bad_case_t> bad_cases() {
         {"an ILM under an FTN key", wrong_type, undecodable, nullptr},
         {"a key that does not parse", unparsable_key,
          "value of \"p_mpls.mom_msg_ftn|not-a-key\" key does not parse, skipped", nullptr},
+        {"a good record under a key not its own", good_record_bad_key,
+         "value of \"p_mpls.mom_msg_ftn|not-a-key\" key does not match its record, skipped", nullptr},
         {"1000 labels", huge_label_stack,
          "fail:SS_MPLS_CHECK_LABEL_DEPTH_VALID(n_label_stack) code:23 error depth 1000", "LABEL_DEPTH"},
         {"in-label above 20 bits", in_label_too_big,
