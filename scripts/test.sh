@@ -19,7 +19,7 @@ run_leg() {
 
 run_leg build
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run_leg build-asan -DL3VPN_SANITIZE=ON
+  run_leg build-asan -DL3VPN_SANITIZE=ON -DL3VPN_BENCH=OFF
 
 echo "== fuzz (sanitizer leg)"
 scripts/fuzz.sh "${L3VPN_FUZZ_SECONDS:-60}"
