@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/cap/libs_cap.h"
+#include "platform/runtime/tq_global.h"
 #include "platform/cap/libs_cap_mem.h"
 
 namespace {
@@ -29,7 +30,7 @@ int on_event(uint32_t event) {
     return 0;
 }
 
-int g_ctx;  // stands in for the process context
+tq_global_t g_ctx{};  // the process context: no loop, no MOM client
 
 class LibsCapTest : public ::testing::Test {
 protected:
