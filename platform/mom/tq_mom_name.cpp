@@ -469,10 +469,44 @@ int tq_mom_pack(const ProtobufCMessage *item, std::string &out) {
     return 0;
 }
 
+namespace {
+// Field number 0 is not a field: the unpacker keeps it as an unknown field, but
+// the record would not survive being packed again, so it is refused.
+bool has_field_zero(const ProtobufCMessage *m) {
+    for (unsigned i = 0; i < m->n_unknown_fields; ++i)
+        if (m->unknown_fields[i].tag == 0) return true;
+    const ProtobufCMessageDescriptor *d = m->descriptor;
+    for (unsigned i = 0; i < d->n_fields; ++i) {
+        const ProtobufCFieldDescriptor &f = d->fields[i];
+        if (f.type != PROTOBUF_C_TYPE_MESSAGE) continue;
+        const char *at = reinterpret_cast<const char *>(m) + f.offset;
+        if (f.label == PROTOBUF_C_LABEL_REPEATED) {
+            size_t n = *reinterpret_cast<const size_t *>(reinterpret_cast<const char *>(m) +
+                                                         f.quantifier_offset);
+            auto *subs = *reinterpret_cast<ProtobufCMessage *const *const *>(at);
+            for (size_t k = 0; k < n; ++k)
+                if (has_field_zero(subs[k])) return true;
+        } else if (auto *sub = *reinterpret_cast<ProtobufCMessage *const *>(at)) {
+            if (has_field_zero(sub)) return true;
+        }
+    }
+    return false;
+}
+
+ProtobufCMessage *checked_unpack(const ProtobufCMessageDescriptor *desc, std::string_view bytes) {
+    ProtobufCMessage *m = protobuf_c_message_unpack(
+        desc, nullptr, bytes.size(), reinterpret_cast<const uint8_t *>(bytes.data()));
+    if (m != nullptr && has_field_zero(m)) {
+        protobuf_c_message_free_unpacked(m, nullptr);
+        return nullptr;
+    }
+    return m;
+}
+}  // namespace
+
 ProtobufCMessage *tq_mom_unpack(const ProtobufCMessageDescriptor *desc, std::string_view bytes) {
     if (desc == nullptr) return nullptr;
-    return protobuf_c_message_unpack(desc, nullptr, bytes.size(),
-                                     reinterpret_cast<const uint8_t *>(bytes.data()));
+    return checked_unpack(desc, bytes);
 }
 
 int tq_mom_hash_fields(const ProtobufCMessage *item,
