@@ -184,22 +184,6 @@ std::vector<e2e_row_t> e2e_err_rows(const std::string &show_info, const std::str
 // ---- Redis ------------------------------------------------------------------------
 
 namespace {
-std::string reply_text(const redisReply *r) {
-    if (r == nullptr) return "(no reply)";
-    switch (r->type) {
-        case REDIS_REPLY_STRING:
-        case REDIS_REPLY_STATUS:
-        case REDIS_REPLY_ERROR:
-            return std::string(r->str, r->len);
-        case REDIS_REPLY_INTEGER:
-            return std::to_string(r->integer);
-        case REDIS_REPLY_NIL:
-            return "(nil)";
-        default:
-            return "(array)";
-    }
-}
-
 void append(redisContext *c, const std::vector<std::string> &words) {
     std::vector<const char *> argv;
     std::vector<size_t> lens;
@@ -253,7 +237,7 @@ std::string e2e_redis_t::cmd(int db, const std::vector<std::string> &words) {
     append(c_, words);
     void *r = nullptr;
     if (redisGetReply(c_, &r) != REDIS_OK) return "(no reply)";
-    std::string text = reply_text(static_cast<redisReply *>(r));
+    std::string text = redis_reply_text(static_cast<redisReply *>(r));
     freeReplyObject(r);
     return text;
 }

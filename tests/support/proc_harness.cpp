@@ -185,8 +185,7 @@ redis_cli_t::~redis_cli_t() {
     if (c_ != nullptr) redisFree(c_);
 }
 
-namespace {
-std::string reply_text(redisReply *r) {
+std::string redis_reply_text(const redisReply *r) {
     if (r == nullptr) return "(no reply)";
     switch (r->type) {
     case REDIS_REPLY_STRING:
@@ -197,7 +196,6 @@ std::string reply_text(redisReply *r) {
     default: return "(array)";
     }
 }
-}  // namespace
 
 std::string redis_cli_t::command(const std::vector<std::string> &words) {
     if (c_ == nullptr) return "(no connection)";
@@ -208,7 +206,7 @@ std::string redis_cli_t::command(const std::vector<std::string> &words) {
         lens.push_back(w.size());
     }
     auto *r = static_cast<redisReply *>(redisCommandArgv(c_, argv.size(), argv.data(), lens.data()));
-    std::string text = reply_text(r);
+    std::string text = redis_reply_text(r);
     if (r != nullptr) freeReplyObject(r);
     return text;
 }

@@ -9,6 +9,11 @@
 #include <vector>
 
 struct redisContext;
+struct redisReply;
+
+// A reply as text: strings, statuses and errors as they are, integers in
+// decimal, "(nil)", "(array)", or "(no reply)" for none.
+std::string redis_reply_text(const redisReply *r);
 
 // A temporary folder, removed with everything in it.
 class temp_dir_t {
