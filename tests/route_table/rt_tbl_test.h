@@ -1,35 +1,42 @@
-// Shared set-up of the route-table client tests: a fresh registry over the
-// in-memory MOM, a private L3VPN_ROOT, and stdout capture.
+// Shared set-up of the route-table client tests: a fresh registry over the MOM
+// of the test's parameter (in memory, or Redis on a private server), a private
+// L3VPN_ROOT, and stdout capture. Every suite runs on both MOMs:
+//   RT_TBL_ON_BOTH_MOMS(Suite);
 #pragma once
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include "p_intf.pb-c.h"
 #include "platform/cgst/libcgstctrl.h"
 #include "route_table/ss_rt_tbl.h"
 #include "route_table/ss_rt_tbl_int.h"
-#include "support/mom_mem.h"
+#include "support/test_mom.h"
 #include "u_mpls.pb-c.h"
 
-class RtTblTest : public ::testing::Test {
+class RtTblTest : public ::testing::TestWithParam<const char *> {
 protected:
     void SetUp() override {
+        if (!test_mom_can_run(GetParam())) GTEST_SKIP() << "no redis-server binary found";
+        std::string why;
+        mom_ = test_mom_new(GetParam(), why);
+        ASSERT_NE(nullptr, mom_) << why;
         char tmpl[] = "/tmp/rt-tbl-XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(tmpl));
         root_ = tmpl;
         setenv("L3VPN_ROOT", root_.c_str(), 1);
         ss_rt_tbl_reset_for_test();
         libcgstctrl_reset();
-        mom_ = mom_mem_new();
-        ctx_ = mom_mem_ctx(mom_);
+        ctx_ = mom_->ctx();
     }
     void TearDown() override {
         ss_rt_tbl_reset_for_test();
-        mom_mem_free(mom_);
+        mom_.reset();
+        if (root_.empty()) return;
         unsetenv("L3VPN_ROOT");
         std::filesystem::remove_all(root_);
     }
@@ -57,9 +64,20 @@ protected:
         *rv = cmd(&args);
         return testing::internal::GetCapturedStdout();
     }
+    // Records of the table, or of its owner slice (mode 1), as a scan finds them.
+    size_t records(const ss_rt_tbl_t *t, uint32_t mode) {
+        size_t n = 0;
+        auto count = [](void *, tq_mom_msg_t *, void *arg) { return ++*static_cast<size_t *>(arg), 0; };
+        EXPECT_EQ(0, tq_mom_scan_sync(&ctx_, t->db, t->item, mode, count, &n));
+        return n;
+    }
     static const ss_rt_tbl_hist_t &hist(int row) { return ss_rt_tbl_hist[row]; }
 
     std::string root_;
-    tq_mom_client_t *mom_ = nullptr;
+    std::unique_ptr<test_mom_t> mom_;
     tq_global_t ctx_{};
 };
+
+#define RT_TBL_ON_BOTH_MOMS(suite)                                                  \
+    INSTANTIATE_TEST_SUITE_P(Mom, suite, ::testing::Values("mem", "redis"),          \
+                             [](const auto &info) { return std::string(info.param); })

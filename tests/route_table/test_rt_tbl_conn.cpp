@@ -12,6 +12,7 @@ class RtTblConn : public RtTblTest {
 protected:
     void SetUp() override {
         RtTblTest::SetUp();
+        if (IsSkipped()) return;
         g_conn_runs = 0;
         g_reconn_db = 0;
         init(4);
@@ -22,13 +23,11 @@ protected:
     ss_rt_tbl_t *t_[3] = {};
 };
 
-TEST_F(RtTblConn, ThreeTablesOnTwoDatabasesOpenTwoConnections) {
+TEST_P(RtTblConn, ThreeTablesOnTwoDatabasesOpenTwoConnections) {
     EXPECT_EQ(-4, ss_rt_tbl_connect_db(nullptr));
     ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
-    for (mom_mem_op_t op : {MOM_MEM_OP_CONNECT_SYNC, MOM_MEM_OP_CONNECT, MOM_MEM_OP_RECONNECT_CB})
-        EXPECT_EQ(2u, mom_mem_op_count(mom_, op)) << op;
-    EXPECT_EQ(0, g_conn_runs);
-    EXPECT_EQ(2, mom_mem_dispatch(mom_));
+    EXPECT_EQ(0, g_conn_runs);  // the callbacks come from the loop
+    ASSERT_TRUE(mom_->settle());
     EXPECT_EQ(1, g_conn_runs);
     EXPECT_EQ(RT_ST_OK, t_[0]->conn_st);
     EXPECT_EQ(RT_ST_OK, t_[1]->conn_st);
@@ -37,7 +36,7 @@ TEST_F(RtTblConn, ThreeTablesOnTwoDatabasesOpenTwoConnections) {
     EXPECT_EQ(10, hist(RT_HIST_CONN_CB).data2);
 }
 
-TEST_F(RtTblConn, ConnectedFunctionWaitsForEveryDatabase) {
+TEST_P(RtTblConn, ConnectedFunctionWaitsForEveryDatabase) {
     ss_rt_tbl_ctl.conn_func = on_conn;
     ss_rt_tbl_ctl.dbg_level = RT_DBG_WARNING;
     testing::internal::CaptureStdout();
@@ -59,25 +58,29 @@ TEST_F(RtTblConn, ConnectedFunctionWaitsForEveryDatabase) {
     EXPECT_EQ(-4, tbl_conn_cb(&ctx_, nullptr));
 }
 
-TEST_F(RtTblConn, LostConnectionEndsTheProcess) {
+TEST_P(RtTblConn, LostConnectionEndsTheProcess) {
     ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
-    EXPECT_EXIT(mom_mem_conn_lost(mom_, 10), testing::ExitedWithCode(77), "");
+    ASSERT_TRUE(mom_->settle());
+    EXPECT_EXIT(mom_->cut(10), testing::ExitedWithCode(77), "");
 }
 
-TEST_F(RtTblConn, LostConnectionOnlyLogsWithExitCleared) {
+TEST_P(RtTblConn, LostConnectionOnlyLogsWithExitCleared) {
     ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
+    ASSERT_TRUE(mom_->settle());
     ss_rt_tbl_reg_reconnect(on_reconn, 0);
     ss_rt_tbl_ctl.dbg_level = RT_DBG_BRIEF;
     testing::internal::CaptureStdout();
-    mom_mem_conn_lost(mom_, 10);
+    mom_->cut(10);
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_NE(std::string::npos, out.find("|table:0 db:10 type:1\n")) << out;
     EXPECT_NE(std::string::npos, out.find("|conn error\n")) << out;
     EXPECT_EQ(0u, g_reconn_db);
-    mom_mem_conn_back(mom_, 10);
+    mom_->restore(10);
     EXPECT_EQ(10u, g_reconn_db);
     EXPECT_EQ(0, tbl_reconn_cb(&ctx_, 6, 5, t_[0]));
     EXPECT_EQ(-4, tbl_reconn_cb(&ctx_, 6, 1, nullptr));
 }
+
+RT_TBL_ON_BOTH_MOMS(RtTblConn);
 
 }  // namespace

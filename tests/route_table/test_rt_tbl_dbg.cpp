@@ -7,7 +7,7 @@
 
 namespace {
 
-using RtTblDbg = RtTblTest;
+class RtTblDbg : public RtTblTest {};
 
 std::string fmt(const char *f, ...) {
     char buf[512];
@@ -24,7 +24,7 @@ int count_of(const std::string &text, const std::string &part) {
     return n;
 }
 
-TEST_F(RtTblDbg, LogLineFormat) {
+TEST_P(RtTblDbg, LogLineFormat) {
     ss_rt_tbl_ctl.dbg_level = RT_DBG_BRIEF;
     testing::internal::CaptureStdout();
     ss_rt_tbl_reg_reconnect(nullptr, 1);
@@ -36,7 +36,7 @@ TEST_F(RtTblDbg, LogLineFormat) {
     EXPECT_EQ(999, ss_rt_tbl_ctl.log_cnt);
 }
 
-TEST_F(RtTblDbg, BudgetOfTwoLetsTwoLinesThrough) {
+TEST_P(RtTblDbg, BudgetOfTwoLetsTwoLinesThrough) {
     init(2);
     ss_rt_tbl_t *t = ilm_tbl(6);
     testing::internal::CaptureStdout();
@@ -57,7 +57,7 @@ TEST_F(RtTblDbg, BudgetOfTwoLetsTwoLinesThrough) {
     EXPECT_EQ(-1, ss_rt_tbl_ctl.log_cnt);
 }
 
-TEST_F(RtTblDbg, DebugCommandClampsTheLevel) {
+TEST_P(RtTblDbg, DebugCommandClampsTheLevel) {
     const std::string list = "\n dbg level                 name\n"
                              "         0                CLOSE\n"
                              "         1                ERROR\n"
@@ -109,7 +109,7 @@ std::string expected_info(const void *global, const ss_rt_tbl_t *t, bool cleaned
     return s;
 }
 
-TEST_F(RtTblDbg, ShowInfoCleanedTwice) {
+TEST_P(RtTblDbg, ShowInfoCleanedTwice) {
     init(2);
     ss_rt_tbl_t *t = ilm_tbl(6);
     for (int i = 0; i < 3; ++i) t->cnt.add_op++;
@@ -124,7 +124,7 @@ TEST_F(RtTblDbg, ShowInfoCleanedTwice) {
     EXPECT_EQ(1u, hist(RT_HIST_PARAM).history);
 }
 
-TEST_F(RtTblDbg, SetSkipAndBatchBounds) {
+TEST_P(RtTblDbg, SetSkipAndBatchBounds) {
     init(3);
     ss_rt_tbl_t *t = ilm_tbl(6);
     int rv = 0;
@@ -147,7 +147,7 @@ TEST_F(RtTblDbg, SetSkipAndBatchBounds) {
     EXPECT_EQ(-4, rv);
 }
 
-TEST_F(RtTblDbg, CommandsReachTheDebugService) {
+TEST_P(RtTblDbg, CommandsReachTheDebugService) {
     EXPECT_EQ(-1, ss_rt_tbl_ut_init(nullptr));
     ASSERT_EQ(0, ss_rt_tbl_ut_init("rt-test-mod"));
     std::string out;
@@ -161,5 +161,7 @@ TEST_F(RtTblDbg, CommandsReachTheDebugService) {
     EXPECT_NE(std::string::npos, out.find("tbl-show-info is_clean:%d is_detail:%d")) << out;
     ssat_lib_reset();
 }
+
+RT_TBL_ON_BOTH_MOMS(RtTblDbg);
 
 }  // namespace

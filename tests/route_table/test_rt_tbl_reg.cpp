@@ -5,9 +5,9 @@
 
 namespace {
 
-using RtTblReg = RtTblTest;
+class RtTblReg : public RtTblTest {};
 
-TEST_F(RtTblReg, InitBounds) {
+TEST_P(RtTblReg, InitBounds) {
     const struct { uint32_t num; int rv; } cases[] = {{0, -4}, {1, 0}, {99, 0}, {100, -4}};
     for (const auto &c : cases) {
         ss_rt_tbl_reset_for_test();
@@ -20,7 +20,7 @@ TEST_F(RtTblReg, InitBounds) {
     EXPECT_EQ(2u, hist(RT_HIST_ASSERT).count);
 }
 
-TEST_F(RtTblReg, SecondInitKeepsTheFirstRegistry) {
+TEST_P(RtTblReg, SecondInitKeepsTheFirstRegistry) {
     init(5);
     ss_rt_tbl_t *first = ss_rt_tbl_ctl.tables;
     testing::internal::CaptureStdout();
@@ -36,7 +36,7 @@ TEST_F(RtTblReg, SecondInitKeepsTheFirstRegistry) {
 }
 
 // The copies of a refused table are freed; ASan's leak check sees the rest.
-TEST_F(RtTblReg, CreateBeyondCapacityOrBeforeInit) {
+TEST_P(RtTblReg, CreateBeyondCapacityOrBeforeInit) {
     EXPECT_EQ(nullptr, ilm_tbl(8));
     EXPECT_EQ(-17, hist(RT_HIST_INIT).data1);
     init(1);
@@ -47,7 +47,7 @@ TEST_F(RtTblReg, CreateBeyondCapacityOrBeforeInit) {
     EXPECT_EQ(1u, ss_rt_tbl_ctl.tbl_cur_num);
 }
 
-TEST_F(RtTblReg, CreateRefusesBadParameters) {
+TEST_P(RtTblReg, CreateRefusesBadParameters) {
     init(4);
     UMpls__UdpIlm item = U_MPLS__UDP_ILM__INIT;
     UMpls__UdpIlmKey key = U_MPLS__UDP_ILM_KEY__INIT;
@@ -80,7 +80,7 @@ TEST_F(RtTblReg, CreateRefusesBadParameters) {
     EXPECT_NE(nullptr, ss_rt_tbl_create_detail(6, 1, &item, isz, isz + 100, nullptr, 0));
 }
 
-TEST_F(RtTblReg, FirstTableOfADatabaseHoldsItsConnection) {
+TEST_P(RtTblReg, FirstTableOfADatabaseHoldsItsConnection) {
     init(4);
     ss_rt_tbl_t *a = ilm_tbl(6), *b = intf_tbl(6), *c = ilm_tbl(10);
     EXPECT_EQ(RT_ST_NULL, a->conn_st);
@@ -89,7 +89,7 @@ TEST_F(RtTblReg, FirstTableOfADatabaseHoldsItsConnection) {
     EXPECT_EQ(2, c->idx);
 }
 
-TEST_F(RtTblReg, HandleValidity) {
+TEST_P(RtTblReg, HandleValidity) {
     init(4);
     ss_rt_tbl_t *t = ilm_tbl(6);
     ss_rt_tbl_t copy = *t;
@@ -105,7 +105,7 @@ TEST_F(RtTblReg, HandleValidity) {
     EXPECT_FALSE(tbl_is_valid(t));
 }
 
-TEST_F(RtTblReg, DebugFileSetsTheStartLevel) {
+TEST_P(RtTblReg, DebugFileSetsTheStartLevel) {
     const struct { const char *content; int32_t level, log_cnt; } cases[] = {  // null: no file
         {nullptr, 1, 1000}, {"junk\n", 7, -1}, {"", 7, -1}, {"3\n", 3, -1}, {"0", 1, 1000}, {"12", 7, -1}};
     std::filesystem::create_directories(root_ + "/data/route/tbl_dbg");
@@ -121,5 +121,7 @@ TEST_F(RtTblReg, DebugFileSetsTheStartLevel) {
             << (c.content ? c.content : "none");
     }
 }
+
+RT_TBL_ON_BOTH_MOMS(RtTblReg);
 
 }  // namespace

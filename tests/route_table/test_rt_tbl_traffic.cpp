@@ -25,6 +25,7 @@ class RtTblTraffic : public RtTblTest {
 protected:
     void SetUp() override {
         RtTblTest::SetUp();
+        if (IsSkipped()) return;
         g_ds_runs = 0;
         init(8);
     }
@@ -37,7 +38,7 @@ protected:
 
 enum Value { REC, NONE, RES_NULL_VALUE, RES_ERROR };
 
-TEST_F(RtTblTraffic, EachCommandAgainstEachDataType) {
+TEST_P(RtTblTraffic, EachCommandAgainstEachDataType) {
     struct Case {
         uint32_t cmd;
         bool hash_tbl;
@@ -83,7 +84,7 @@ TEST_F(RtTblTraffic, EachCommandAgainstEachDataType) {
     }
 }
 
-TEST_F(RtTblTraffic, RefusedNoticesAndTheirOrder) {
+TEST_P(RtTblTraffic, RefusedNoticesAndTheirOrder) {
     ss_rt_tbl_t *t = ilm_tbl(6);
     tq_mom_msg_t msg{1, 0, nullptr, 0};
     EXPECT_EQ(-4, tbl_msg_cb(nullptr, &msg, t));
@@ -102,7 +103,7 @@ TEST_F(RtTblTraffic, RefusedNoticesAndTheirOrder) {
     EXPECT_EQ(8u, hist(RT_HIST_ASSERT).count);
 }
 
-TEST_F(RtTblTraffic, DataSyncRunsWhenTheLastSubscribedTableEnds) {
+TEST_P(RtTblTraffic, DataSyncRunsWhenTheLastSubscribedTableEnds) {
     ss_rt_tbl_t *t[4] = {ilm_tbl(6), intf_tbl(4), ilm_tbl(10), intf_tbl(6)};
     ss_rt_tbl_reg_ds_func(on_ds);
     for (int i = 0; i < 3; ++i)
@@ -119,12 +120,12 @@ TEST_F(RtTblTraffic, DataSyncRunsWhenTheLastSubscribedTableEnds) {
     EXPECT_EQ(2, g_ds_runs);
     EXPECT_EQ(2u, hist(RT_HIST_SUB_CB).count);
     EXPECT_EQ(RT_ST_OK, t[1]->sub_st);
-    // Through the MOM: the queued markers of the subscriptions fire it once more.
-    EXPECT_EQ(3, mom_mem_dispatch_all(mom_));
+    // Through the MOM: the markers of the three subscriptions fire it each.
+    ASSERT_TRUE(mom_->settle());
     EXPECT_EQ(5, g_ds_runs);
 }
 
-TEST_F(RtTblTraffic, WritesSkipAndReads) {
+TEST_P(RtTblTraffic, WritesSkipAndReads) {
     ss_rt_tbl_t *t = ilm_tbl(8);
     UMpls__UdpIlmKey key = U_MPLS__UDP_ILM_KEY__INIT;
     UMpls__UdpIlm rec = U_MPLS__UDP_ILM__INIT;
@@ -132,52 +133,53 @@ TEST_F(RtTblTraffic, WritesSkipAndReads) {
     key.in_label = 4660;
     rec.swap_label = 77;
     EXPECT_EQ(0, ss_rt_tbl_add_str(t, &rec.base, 1, 0));
-    EXPECT_EQ(1u, mom_mem_stat(mom_, MOM_MEM_OP_SET).batched);
-    ASSERT_NE(nullptr, mom_mem_get(mom_, 8, &u_mpls__udp_ilm__descriptor, "4660"));
+    const std::vector<std::string> stored = {"u_mpls.udp_ilm|4660"};
+    EXPECT_EQ(stored, mom_->keys(8));
     ss_rt_tbl_set_skip(t, 1);
     key.in_label = 1;
     ss_rt_tbl_ctl.dbg_level = RT_DBG_INFO;
     testing::internal::CaptureStdout();
     EXPECT_EQ(0, ss_rt_tbl_add_str(t, &rec.base, 1, 0));
+    key.in_label = 4660;
     EXPECT_EQ(0, ss_rt_tbl_del_str(t, &rec.base, 1, 0));
     EXPECT_EQ(0, ss_rt_tbl_publish(t, &rec.base, 1, 0));
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_NE(std::string::npos, out.find("|tbl:u_mpls.udp_ilm op_cnt:2 is_skip:1\n")) << out;
     EXPECT_NE(std::string::npos, out.find("|cnt_del_op:1 skip\n")) << out;
-    EXPECT_EQ(1u, mom_mem_op_count(mom_, MOM_MEM_OP_SET));
-    EXPECT_EQ(0u, mom_mem_op_count(mom_, MOM_MEM_OP_DEL) + mom_mem_op_count(mom_, MOM_MEM_OP_PUBLISH));
-    key.in_label = 4660;
+    EXPECT_EQ(stored, mom_->keys(8));
     ProtobufCMessage *got = nullptr;
     EXPECT_EQ(0, ss_rt_tbl_get_str(t, &rec.base, 0, &got));  // reads even while skipped
     EXPECT_EQ(77u, got ? reinterpret_cast<UMpls__UdpIlm *>(got)->swap_label : 0);
     tq_mom_free(got);
     ss_rt_tbl_set_skip(t, 0);
     EXPECT_EQ(0, ss_rt_tbl_del_str(t, &rec.base, 1, 0));
-    EXPECT_EQ(nullptr, mom_mem_get(mom_, 8, &u_mpls__udp_ilm__descriptor, "4660"));
+    EXPECT_EQ(std::vector<std::string>(), mom_->keys(8));
 }
 
 // Records rewritten between begin and end survive; the rest are swept and
 // their deletes reach the subscriber.
-TEST_F(RtTblTraffic, DataSyncCycleSweepsWhatWasNotRewritten) {
+TEST_P(RtTblTraffic, DataSyncCycleSweepsWhatWasNotRewritten) {
     ss_rt_tbl_t *t = ilm_tbl(10);
     ASSERT_EQ(0, ss_rt_tbl_subscribe_detail(t, on_add, on_del, &calls_, 0));
+    ASSERT_TRUE(mom_->settle());
+    EXPECT_EQ(RT_ST_OK, t->sub_st);
     UMpls__UdpIlmKey key = U_MPLS__UDP_ILM_KEY__INIT;
     UMpls__UdpIlm rec = U_MPLS__UDP_ILM__INIT;
     rec.index = &key;
     for (uint32_t l : {1u, 2u, 3u}) key.in_label = l, ss_rt_tbl_add_str(t, &rec.base, 1, 0);
-    mom_mem_dispatch_all(mom_);
+    ASSERT_TRUE(mom_->settle());
     EXPECT_EQ(3, calls_.add);
     EXPECT_EQ(0, ss_rt_tbl_ds_begin_detail(t, 3600, 0));
     for (uint32_t l : {1u, 3u}) key.in_label = l, ss_rt_tbl_add_str(t, &rec.base, 1, 0);
     EXPECT_EQ(0, ss_rt_tbl_ds_end_detail(t, 0));
-    mom_mem_dispatch_all(mom_);
+    ASSERT_TRUE(mom_->settle());
     EXPECT_EQ(1, calls_.del);
     EXPECT_EQ(1u, t->cnt.del_msg);
-    EXPECT_EQ(std::vector<std::string>({"u_mpls.udp_ilm|1", "u_mpls.udp_ilm|3"}), mom_mem_keys(mom_, 10));
+    EXPECT_EQ(std::vector<std::string>({"u_mpls.udp_ilm|1", "u_mpls.udp_ilm|3"}), mom_->keys(10));
 }
 
 // An owner slice cycle leaves the other owners' records alone.
-TEST_F(RtTblTraffic, OwnerSliceCycle) {
+TEST_P(RtTblTraffic, OwnerSliceCycle) {
     SRoute__InSubAdj item = S_ROUTE__IN_SUB_ADJ__INIT;
     SRoute__InSubAdjKey key = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
     ss_rt_tbl_t *owner[2];
@@ -196,10 +198,17 @@ TEST_F(RtTblTraffic, OwnerSliceCycle) {
     EXPECT_EQ(0, ss_rt_tbl_ds_begin_detail(owner[0], 3600, 1));
     key.t_rt_owner = 1, key.ifx = 11;
     ss_rt_tbl_add_str(owner[0], &item.base, 1, 0);
+    ss_rt_tbl_ctl.dbg_level = RT_DBG_BRIEF;
+    testing::internal::CaptureStdout();
     EXPECT_EQ(0, ss_rt_tbl_ds_end_detail(owner[0], 1));
-    EXPECT_EQ(1u, mom_mem_count_records(mom_, 10, owner[0]->item, 1));
-    EXPECT_EQ(2u, mom_mem_count_records(mom_, 10, owner[1]->item, 1));
-    EXPECT_EQ(1, mom_mem_dispatch_all(mom_));  // the end notice through tbl_ds_cb
+    mom_->settle();
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("|table:0 cmd:29 flag:PEXPIREDEL_OVER(DS END)(3)\n")) << out;
+    EXPECT_EQ(1u, records(owner[0], 1));
+    EXPECT_EQ(2u, records(owner[1], 1));
+    EXPECT_EQ(3u, records(owner[1], 0));
 }
+
+RT_TBL_ON_BOTH_MOMS(RtTblTraffic);
 
 }  // namespace
