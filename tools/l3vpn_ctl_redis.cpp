@@ -3,8 +3,9 @@
 #include <hiredis/hiredis.h>
 #include <sys/time.h>
 
-#include <charconv>
 #include <cstdlib>
+
+#include "platform/mom/tq_mom_redis.h"
 
 namespace {
 
@@ -40,26 +41,16 @@ std::string ctl_redis_addr(const std::string &given) {
 }
 
 int ctl_redis_connect(const std::string &addr, ctl_redis_t &r, std::string &err) {
-    timeval tv{CTL_CONNECT_TIMEOUT_S, 0};
     r.addr = addr;
-    if (addr.rfind("unix:", 0) == 0) {
-        r.c = redisConnectUnixWithTimeout(addr.c_str() + 5, tv);
-    } else {
-        size_t colon = addr.rfind(':');
-        std::string host = colon == std::string::npos ? "" : addr.substr(0, colon);
-        if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-            host = host.substr(1, host.size() - 2);
-        int port = 0;
-        const char *p = addr.c_str() + colon + 1, *end = addr.c_str() + addr.size();
-        auto [stop, ec] = std::from_chars(p, end, port);
-        if (host.empty() || ec != std::errc() || stop != end || port <= 0 || port > 65535) {
-            err = "bad Redis address '" + addr + "' (unix:/path or host:port)";
-            return -1;
-        }
-        r.c = redisConnectWithTimeout(host.c_str(), port, tv);
+    tq_redis_addr_t where{};
+    if (tq_redis_addr_parse(addr, where) != 0) {
+        err = "bad Redis address '" + addr + "' (unix:/path or host:port)";
+        return -1;
     }
-    if (r.c == nullptr || r.c->err != 0) {
-        err = "cannot connect to Redis at " + addr + ": " + ctl_ctx_error(r.c);
+    std::string why;
+    r.c = tq_redis_connect(where, CTL_CONNECT_TIMEOUT_S * 1000, &why);
+    if (r.c == nullptr) {
+        err = "cannot connect to Redis at " + addr + ": " + why;
         return -1;
     }
     timeval rt{CTL_REPLY_TIMEOUT_S, 0};

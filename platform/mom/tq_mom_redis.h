@@ -10,18 +10,21 @@ struct redisContext;
 struct redisAsyncContext;
 struct tq_mom_client_t;
 
-// Where the store is: MOM_REDIS as "unix:/path/redis.sock" or "host:port",
-// 127.0.0.1:6379 when unset or unreadable.
+// Where the store is: "unix:/path/redis.sock" or "host:port" ("[v6]:port").
 struct tq_redis_addr_t {
     bool is_unix;
     std::string path;  // socket path, or host name
     int port;
 };
+// 0, or -4 with out untouched when the text is neither form.
+int tq_redis_addr_parse(const std::string &text, tq_redis_addr_t &out);
+// MOM_REDIS; 127.0.0.1:6379 when unset, or when unreadable (said on stderr).
 tq_redis_addr_t tq_redis_addr_from_env(void);
-tq_redis_addr_t tq_redis_addr_parse(const std::string &text);
 
-// A blocking connection with a connect and I/O timeout; null when it fails.
-redisContext *tq_redis_connect(const tq_redis_addr_t &addr, int timeout_ms);
+// A blocking connection with a connect and I/O timeout; null when it fails,
+// with the reason in *err when err is given.
+redisContext *tq_redis_connect(const tq_redis_addr_t &addr, int timeout_ms,
+                               std::string *err = nullptr);
 // A non-blocking connection driven by `master`; null when it fails at once.
 redisAsyncContext *tq_redis_connect_async(const tq_redis_addr_t &addr, struct event_base *master);
 // Makes sure keyspace notifications carry at least the classes in `need`

@@ -22,38 +22,43 @@ struct timeval ms_to_tv(int ms) { return {ms / 1000, (ms % 1000) * 1000}; }
 
 }  // namespace
 
-tq_redis_addr_t tq_redis_addr_parse(const std::string &text) {
+int tq_redis_addr_parse(const std::string &text, tq_redis_addr_t &out) {
     std::string_view t = text;
     if (t.starts_with("unix:")) {
-        if (t.size() == 5) return default_addr();
-        return {true, std::string(t.substr(5)), 0};
+        if (t.size() == 5) return -4;
+        out = {true, std::string(t.substr(5)), 0};
+        return 0;
     }
     size_t colon = t.rfind(':');
-    if (colon == std::string_view::npos || colon == 0) return default_addr();
+    if (colon == std::string_view::npos || colon == 0) return -4;
+    std::string_view host = t.substr(0, colon);
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')  // [v6]:port
+        host = host.substr(1, host.size() - 2);
     int port = 0;
     std::string_view p = t.substr(colon + 1);
     auto [end, ec] = std::from_chars(p.data(), p.data() + p.size(), port);
-    if (ec != std::errc() || end != p.data() + p.size() || port <= 0 || port > 65535)
-        return default_addr();
-    return {false, std::string(t.substr(0, colon)), port};
+    if (ec != std::errc() || end != p.data() + p.size() || port <= 0 || port > 65535) return -4;
+    out = {false, std::string(host), port};
+    return 0;
 }
 
 tq_redis_addr_t tq_redis_addr_from_env(void) {
     const char *env = getenv("MOM_REDIS");
-    if (env == nullptr || *env == '\0') return default_addr();
-    return tq_redis_addr_parse(env);
+    tq_redis_addr_t addr = default_addr();
+    if (env != nullptr && *env != '\0' && tq_redis_addr_parse(env, addr) != 0)
+        fprintf(stderr, "tq_mom_redis: MOM_REDIS '%s' is not unix:/path or host:port, using %s:%d\n",
+                env, DEFAULT_HOST, DEFAULT_PORT);
+    return addr;
 }
 
-redisContext *tq_redis_connect(const tq_redis_addr_t &addr, int timeout_ms) {
+redisContext *tq_redis_connect(const tq_redis_addr_t &addr, int timeout_ms, std::string *err) {
     struct timeval tv = ms_to_tv(timeout_ms);
     redisContext *c = addr.is_unix ? redisConnectUnixWithTimeout(addr.path.c_str(), tv)
                                    : redisConnectWithTimeout(addr.path.c_str(), addr.port, tv);
-    if (c == nullptr) return nullptr;
-    if (c->err != 0 || redisSetTimeout(c, tv) != REDIS_OK) {
-        redisFree(c);
-        return nullptr;
-    }
-    return c;
+    if (c != nullptr && c->err == 0 && redisSetTimeout(c, tv) == REDIS_OK) return c;
+    if (err != nullptr) *err = c != nullptr && c->err != 0 ? c->errstr : "connection failed";
+    if (c != nullptr) redisFree(c);
+    return nullptr;
 }
 
 redisAsyncContext *tq_redis_connect_async(const tq_redis_addr_t &addr, struct event_base *master) {

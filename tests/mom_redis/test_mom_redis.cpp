@@ -295,25 +295,34 @@ TEST_F(RedisMom, ConnectKeepsNoticeClassesAndAddsTheMissingOnes) {
     for (char ch : std::string("K$hgxEl")) EXPECT_NE(std::string::npos, got.find(ch)) << got;
 }
 
-TEST(RedisAddr, ParsesUnixAndTcpAndFallsBackToTheDefault) {
+TEST(RedisAddr, ParsesUnixAndTcpAndRefusesTheRest) {
     struct {
         const char *text;
+        int rv;
         bool is_unix;
         const char *path;
         int port;
     } cases[] = {
-        {"unix:/tmp/x/redis.sock", true, "/tmp/x/redis.sock", 0},
-        {"10.0.0.2:6380", false, "10.0.0.2", 6380},
-        {"unix:", false, "127.0.0.1", 6379},
-        {"host", false, "127.0.0.1", 6379},
-        {"host:65536", false, "127.0.0.1", 6379},
+        {"unix:/tmp/x/redis.sock", 0, true, "/tmp/x/redis.sock", 0},
+        {"10.0.0.2:6380", 0, false, "10.0.0.2", 6380},
+        {"[::1]:7000", 0, false, "::1", 7000},
+        {"unix:", -4, false, "kept", 1},
+        {"host", -4, false, "kept", 1},
+        {":6379", -4, false, "kept", 1},
+        {"host:65536", -4, false, "kept", 1},
+        {"host:12x", -4, false, "kept", 1},
     };
     for (const auto &c : cases) {
-        tq_redis_addr_t a = tq_redis_addr_parse(c.text);
+        tq_redis_addr_t a{false, "kept", 1};
+        EXPECT_EQ(c.rv, tq_redis_addr_parse(c.text, a)) << c.text;
         EXPECT_EQ(c.is_unix, a.is_unix) << c.text;
         EXPECT_EQ(c.path, a.path) << c.text;
         EXPECT_EQ(c.port, a.port) << c.text;
     }
+    setenv("MOM_REDIS", "nowhere", 1);
+    EXPECT_EQ(std::make_pair(std::string("127.0.0.1"), 6379),
+              std::make_pair(tq_redis_addr_from_env().path, tq_redis_addr_from_env().port));
+    unsetenv("MOM_REDIS");
     EXPECT_EQ("a\\*b\\?\\[c\\]\\\\", tq_redis_glob_escape("a*b?[c]\\"));
 }
 
