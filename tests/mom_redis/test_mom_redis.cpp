@@ -196,20 +196,6 @@ TEST_F(RedisMom, DataSyncSweepsWhatWasNotRewrittenInOneRoundTripEach) {
     EXPECT_EQ("-1", cli_->command({"PTTL", others[0]})) << "other owners are never marked";
 }
 
-TEST_F(RedisMom, DataSyncOfHashesKeepsRewrittenOnesAndSaysField) {
-    lab_sw_t a(1), b(2), tmpl(0);
-    tq_mom_hmset_sync(&ctx_, DB, a.msg());
-    tq_mom_hmset_sync(&ctx_, DB, b.msg());
-    ASSERT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(&ctx_, DB, tmpl.msg(), TQ_MOM_MODE_TABLE, 60, 0));
-    tq_mom_hmset(&ctx_, DB, a.msg(), 1, 0);  // PERSIST clears the mark
-    uint32_t flag = 0;
-    ASSERT_EQ(TQ_MOM_OK, tq_mom_dsend(&ctx_, DB, tmpl.msg(), TQ_MOM_MODE_TABLE, ds_cb, &flag));
-    EXPECT_EQ(TQ_MOM_FLAG_PEXPIREFIELD_OVER, flag);
-    EXPECT_EQ(std::vector<std::string>{rkey(a.msg())}, cli_->keys("u_mpls.udp_lab_sw|*"));
-    EXPECT_EQ(TQ_MOM_ERR_PARAM,
-              tq_mom_dsbegin_sync(&ctx_, DB, tmpl.msg(), TQ_MOM_MODE_TABLE, 0, 0));
-}
-
 TEST_F(RedisMom, PipelinedWritesFlushWhenTheBatchFillsOrTheTurnEnds) {
     ilm_t first(0, 9);
     tq_mom_set_ext(&ctx_, DB, &BATCH, first.msg(), 1, 0);

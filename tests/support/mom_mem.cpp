@@ -278,10 +278,11 @@ int op_scan(tq_mom_client_t *c, void *global, uint32_t db, const ProtobufCMessag
 }
 
 int op_dsbegin(tq_mom_client_t *c, void *, uint32_t db, const ProtobufCMessage *item,
-               uint32_t mode, int32_t, uint32_t) {
+               uint32_t mode, int32_t expire, uint32_t) {
     mom_mem_t *m = mem_of(c);
     int rv = enter(m, MOM_MEM_OP_DSBEGIN, db);
     if (rv != 0) return rv;
+    if (expire <= 0) return TQ_MOM_ERR_PARAM;  // as Redis refuses a PEXPIRE of 0
     for_slice(m, db, mem_slice_t(item, mode),
               [](const std::string &, mem_rec_t &rec) { rec.marked = true; });
     return 0;
