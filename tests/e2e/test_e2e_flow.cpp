@@ -1,25 +1,30 @@
-// Entries written into the store by a plain client reach the lower layers'
-// tables with the right fields, and leave them again when deleted.
+// Entries written into the store reach the lower layers' tables with the
+// right fields, and leave them again when deleted.
 #include <cstdlib>
 #include <set>
 
 #include "e2e/e2e_env.h"
-#include "s_route.pb-c.h"
-#include "u_mpls.pb-c.h"
 
 namespace {
 
-constexpr const char *kTnlV4 = "203.0.113.9";
-constexpr const char *kTnlV6 = "2001:db8:ffff::9";
-constexpr int kWaitMs = 10000;
+const std::string kTnlV4 = "203.0.113.9";
+const std::string kTnlV6 = "2001:db8:ffff::9";
 constexpr uint32_t kNoLabel = 0x100000;
+
+// Whether rec holds every field of want with the same value.
+::testing::AssertionResult has_fields(const json &rec, const json &want) {
+    json merged = rec;
+    merged.merge_patch(want);
+    if (merged == rec) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << rec.dump() << "\ndoes not hold " << want.dump();
+}
 
 class e2e_flow_t : public e2e_env_t {
 protected:
     void SetUp() override {
         // The local tunnel address every route and adjacency key carries.
-        setenv("L3VPN_LOCAL_TNL_V4", kTnlV4, 1);
-        setenv("L3VPN_LOCAL_TNL_V6", kTnlV6, 1);
+        setenv("L3VPN_LOCAL_TNL_V4", kTnlV4.c_str(), 1);
+        setenv("L3VPN_LOCAL_TNL_V6", kTnlV6.c_str(), 1);
         e2e_env_t::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
         start(4);
@@ -30,203 +35,154 @@ protected:
         unsetenv("L3VPN_LOCAL_TNL_V6");
     }
 
-    // The one adjacency of a table and its id.
-    const SRoute__InSubAdj *only_adj(const e2e_rows_t &adj) {
-        EXPECT_EQ(adj.size(), 1u);
-        return adj.empty() ? nullptr : e2e_as<SRoute__InSubAdj>(adj.begin()->second);
+    // The TTLs of the adjacencies of a table.
+    std::vector<int> ttls(const e2e_table_t &t) {
+        std::vector<int> out;
+        for (const json &a : rows(t)) out.push_back(a["ttl"].get<int>());
+        return out;
     }
-
-    static std::vector<uint32_t> labels(const SRoute__InSubAdj *a) {
-        return {a->labels, a->labels + a->n_labels};
-    }
-
-    // The TTL of the one adjacency of a table, -1 when there is none.
-    long adj_ttl(const e2e_table_t &t) {
-        e2e_rows_t r = rows(t);
-        return r.size() == 1 ? static_cast<long>(e2e_as<SRoute__InSubAdj>(r.begin()->second)->ttl) : -1;
+    // The u_mpls.udp_ilm record of an in-label, null when there is none.
+    json fe(uint32_t in_label) {
+        for (const json &r : rows(E2E_UDP_ILM))
+            if (r["index"]["in_label"] == in_label) return r;
+        return nullptr;
     }
 };
 
-const e2e_ftn_t kFtnNh1{1, "10.1.0.0", 16, 101, "192.0.2.1", {1001}, 1};
-const e2e_ftn_t kFtnNh2{1, "10.1.0.0", 16, 102, "198.51.100.1", {1001}, 1};
+const json kFtnNh1 = e2e_ftn(1, "10.1.0.0", 16, 101, "192.0.2.1", {1001});
+const json kFtnNh2 = e2e_ftn(1, "10.1.0.0", 16, 102, "198.51.100.1", {1001});
 
 TEST_F(e2e_flow_t, FtnWithTwoNextHopsSharesOneAdjacencyUntilTheLastGoes) {
-    redis_->put({e2e_ftn(kFtnNh1), e2e_ftn(kFtnNh2)});
-    ASSERT_TRUE(wait_outputs({{&E2E_FTN_RT, 2}, {&E2E_FTN_ADJ, 1}}, kWaitMs));
+    load({kFtnNh1, kFtnNh2});
+    ASSERT_TRUE(wait_outputs({{&E2E_FTN_RT, 2}, {&E2E_FTN_ADJ, 1}}));
 
-    e2e_rows_t adj = rows(E2E_FTN_ADJ);
-    const SRoute__InSubAdj *a = only_adj(adj);
-    ASSERT_NE(a, nullptr);
-    const SRoute__InSubAdjKey *ak = a->index;
-    ASSERT_NE(ak, nullptr);
-    EXPECT_EQ(ak->t_rt_owner, 1u);
-    EXPECT_EQ(ak->ifx, 0u);
-    EXPECT_EQ(ak->protocol, 0u);
-    EXPECT_EQ(e2e_ip_text(&ak->ip->base), std::string("v4:") + kTnlV4);
-    EXPECT_NE(ak->mplsid, 0u);
-    EXPECT_EQ(adj.begin()->first,
-              std::string("s_route.in_sub_adj|1|0|0|v4:") + kTnlV4 + "|" + std::to_string(ak->mplsid));
-    EXPECT_EQ(a->ttl, 255u);
-    EXPECT_EQ(a->opcode, 1u);
-    EXPECT_EQ(labels(a), std::vector<uint32_t>{1001});
-    EXPECT_EQ(a->vc_mode + a->sd_vid + a->cw + a->exp + a->stat_id, 0u);
+    std::vector<json> adj = rows(E2E_FTN_ADJ);
+    ASSERT_EQ(adj.size(), 1u);
+    const uint64_t id = adj[0]["index"]["mplsid"];
+    EXPECT_NE(id, 0u);
+    EXPECT_TRUE(has_fields(adj[0], {{"index", {{"ifx", 0}, {"protocol", 0}, {"ip", kTnlV4}}},
+                                    {"ttl", 255}, {"opcode", 1}, {"labels", {1001}}, {"vc_mode", 0},
+                                    {"sd_vid", 0}, {"cw", 0}, {"exp", 0}, {"stat_id", 0}}));
+    // The key the lower layers look the adjacency up by.
+    const std::vector<std::string> adj_key = keys(10, "s_route.in_sub_adj|*");
+    EXPECT_EQ(adj_key, std::vector<std::string>{"s_route.in_sub_adj|1|0|0|v4:" + kTnlV4 + "|" +
+                                                std::to_string(id)});
 
-    e2e_rows_t rt = rows(E2E_FTN_RT);
     std::set<std::string> nhs;
-    for (const auto &[key, m] : rt) {
-        const auto *r = e2e_as<SRoute__CommRt>(m);
-        const SRoute__CommRtKey *k = r->index;
-        ASSERT_NE(k, nullptr) << key;
-        EXPECT_EQ(k->t_rt_owner, 1u);
-        EXPECT_EQ(k->vrf, 1u);
-        EXPECT_EQ(e2e_ip_text(&k->ip->base), "v4:10.1.0.0");
-        EXPECT_EQ(k->mask_len, 16u);
-        EXPECT_EQ(k->tnl_ifx, 0u);
-        EXPECT_EQ(e2e_ip_text(&k->tnl_dip->base), std::string("v4:") + kTnlV4);
-        EXPECT_EQ(k->mpls_id, ak->mplsid) << "the route names the adjacency";
-        EXPECT_EQ(r->rt_type, S_ROUTE__ROUTE_TYPE_E__NETWORK);
-        EXPECT_EQ(r->weight, 1u);
-        EXPECT_EQ(r->priority, 0u);
-        nhs.insert(std::to_string(k->nh_ifx) + " " + e2e_ip_text(&k->nh_ip->base));
+    for (const json &r : rows(E2E_FTN_RT)) {
+        EXPECT_TRUE(has_fields(r, {{"index", {{"vrf", 1}, {"ip", "10.1.0.0"}, {"mask_len", 16},
+                                              {"tnl_ifx", 0}, {"tnl_dip", kTnlV4},
+                                              {"mpls_id", id}}},  // the route names the adjacency
+                                   {"rt_type", "NETWORK"}, {"weight", 1}, {"priority", 0}}));
+        nhs.insert(r["index"]["nh_ifx"].dump() + " " + r["index"]["nh_ip"].get<std::string>());
     }
-    EXPECT_EQ(nhs, (std::set<std::string>{"101 v4:192.0.2.1", "102 v4:198.51.100.1"}));
+    EXPECT_EQ(nhs, (std::set<std::string>{"101 192.0.2.1", "102 198.51.100.1"}));
 
     // One next hop goes: its route goes, the adjacency stays for the other.
-    std::string adj_key = adj.begin()->first;
-    redis_->del(e2e_ftn(kFtnNh1));
-    ASSERT_TRUE(wait_outputs({{&E2E_FTN_RT, 1}, {&E2E_FTN_ADJ, 1}}, kWaitMs));
-    EXPECT_EQ(rows(E2E_FTN_ADJ).begin()->first, adj_key);
-    EXPECT_EQ(e2e_as<SRoute__CommRt>(rows(E2E_FTN_RT).begin()->second)->index->nh_ifx, 102u);
+    unload({kFtnNh1});
+    ASSERT_TRUE(wait_outputs({{&E2E_FTN_RT, 1}, {&E2E_FTN_ADJ, 1}}));
+    EXPECT_EQ(keys(10, "s_route.in_sub_adj|*"), adj_key);
+    EXPECT_EQ(rows(E2E_FTN_RT)[0]["index"]["nh_ifx"], 102);
 
     // The last user goes: the adjacency is withdrawn too.
-    redis_->del(e2e_ftn(kFtnNh2));
-    ASSERT_TRUE(wait_outputs({{&E2E_FTN_RT, 0}, {&E2E_FTN_ADJ, 0}}, kWaitMs));
+    unload({kFtnNh2});
+    ASSERT_TRUE(wait_outputs({{&E2E_FTN_RT, 0}, {&E2E_FTN_ADJ, 0}}));
 }
 
 TEST_F(e2e_flow_t, VcFtnVirtualRouteCarriesTheVcInterfaceAndWords) {
-    const e2e_vc_ftn_t vc{3001, "192.0.2.1", 101, {4001, 16}, 1, 5, 100, 1};
-    redis_->put(e2e_vc_ftn(vc));
-    ASSERT_TRUE(wait_outputs({{&E2E_VC_VIR_RT, 1}, {&E2E_VC_ADJ, 1}}, kWaitMs));
+    const json vc = e2e_vc_ftn(3001, "192.0.2.1", 101, {4001, 16}, 5, 100, 1);
+    load({vc});
+    ASSERT_TRUE(wait_outputs({{&E2E_VC_VIR_RT, 1}, {&E2E_VC_ADJ, 1}}));
 
-    e2e_rows_t adj = rows(E2E_VC_ADJ);
-    const SRoute__InSubAdj *a = only_adj(adj);
-    ASSERT_NE(a, nullptr);
-    EXPECT_EQ(a->index->t_rt_owner, 8u);
-    EXPECT_EQ(a->index->ifx, 3001u);
-    EXPECT_EQ(a->ttl, 255u);
-    EXPECT_EQ(a->opcode, 1u);
-    EXPECT_EQ(labels(a), (std::vector<uint32_t>{4001, 16}));
-    EXPECT_EQ(a->vc_mode, 5u);
-    EXPECT_EQ(a->sd_vid, 100u);
-    EXPECT_EQ(a->cw, 1u);
-
-    e2e_rows_t rt = rows(E2E_VC_VIR_RT);
+    std::vector<json> adj = rows(E2E_VC_ADJ), rt = rows(E2E_VC_VIR_RT);
+    ASSERT_EQ(adj.size(), 1u);
     ASSERT_EQ(rt.size(), 1u);
-    const SRoute__VirRtKey *k = e2e_as<SRoute__VirRt>(rt.begin()->second)->index;
-    EXPECT_EQ(k->t_rt_owner, 8u);
-    EXPECT_EQ(k->protocol, 0u);
-    EXPECT_EQ(k->nh_proto, 0u);
-    EXPECT_EQ(e2e_ip_text(&k->ip->base), "v4:232.0.0.0");
-    EXPECT_EQ(k->mask_len, 32u);
-    EXPECT_EQ(k->vrf, 3001u);
-    EXPECT_EQ(k->nh_ifx, 101u);
-    EXPECT_EQ(e2e_ip_text(&k->nh_ip->base), "v4:192.0.2.1");
-    EXPECT_EQ(k->tnl_ifx, 3001u);
-    EXPECT_EQ(k->mpls_id, a->index->mplsid);
+    EXPECT_TRUE(has_fields(adj[0], {{"index", {{"ifx", 3001}}}, {"ttl", 255}, {"opcode", 1},
+                                    {"labels", {4001, 16}}, {"vc_mode", 5}, {"sd_vid", 100}, {"cw", 1}}));
+    EXPECT_TRUE(has_fields(rt[0], {{"index", {{"protocol", 0}, {"nh_proto", 0}, {"ip", "232.0.0.0"},
+                                              {"mask_len", 32}, {"vrf", 3001}, {"nh_ifx", 101},
+                                              {"nh_ip", "192.0.2.1"}, {"tnl_ifx", 3001},
+                                              {"mpls_id", adj[0]["index"]["mplsid"]}}}}));
 
-    redis_->del(e2e_vc_ftn(vc));
-    ASSERT_TRUE(wait_outputs({{&E2E_VC_VIR_RT, 0}, {&E2E_VC_ADJ, 0}}, kWaitMs));
+    unload({vc});
+    ASSERT_TRUE(wait_outputs({{&E2E_VC_VIR_RT, 0}, {&E2E_VC_ADJ, 0}}));
 }
 
 TEST_F(e2e_flow_t, IlmInLabelAndVirtualRouteNameTheLabel) {
-    const e2e_ilm_t swap1{0x12345, "192.0.2.1", 101, {6002}, 3};
-    const e2e_ilm_t swap2{0x12345, "198.51.100.1", 102, {6002}, 3};
-    const e2e_ilm_t swap_v6{0x54321, "2001:db8::1", 103, {6003}, 3};
-    const e2e_ilm_t l3switch{5004, "0.0.0.0", 0, {}, 5, 7};
-    redis_->put({e2e_ilm(swap1), e2e_ilm(swap_v6), e2e_ilm(l3switch)});
-    ASSERT_TRUE(wait_outputs({{&E2E_ILM_VIR_RT, 2}, {&E2E_ILM_ADJ, 2}, {&E2E_UDP_ILM, 3}}, kWaitMs));
+    const json swap1 = e2e_ilm(0x12345, "192.0.2.1", 101, {6002}, 3);
+    const json swap2 = e2e_ilm(0x12345, "198.51.100.1", 102, {6002}, 3);
+    const json swap_v6 = e2e_ilm(0x54321, "2001:db8::1", 103, {6003}, 3);
+    const json l3switch = e2e_ilm(5004, "0.0.0.0", 0, {}, 5, 7);
+    load({swap1, swap_v6, l3switch});
+    ASSERT_TRUE(wait_outputs({{&E2E_ILM_VIR_RT, 2}, {&E2E_ILM_ADJ, 2}, {&E2E_UDP_ILM, 3}}));
 
-    e2e_msg_t fe = get(E2E_UDP_ILM, "u_mpls.udp_ilm|74565");
-    ASSERT_NE(fe, nullptr);
-    const auto *f = e2e_as<UMpls__UdpIlm>(fe);
-    EXPECT_EQ(f->index->in_label, 0x12345u);
-    EXPECT_EQ(f->opcode, 3u);
-    EXPECT_EQ(f->swap_label, 6002u);
-    EXPECT_EQ(f->vrf_id, 0u);
-    EXPECT_EQ(f->vc_ifx, 0u);
-    EXPECT_FALSE(f->ttl_copy);
+    EXPECT_TRUE(has_fields(fe(0x12345), {{"opcode", 3}, {"swap_label", 6002}, {"vrf_id", 0},
+                                         {"vc_ifx", 0}, {"ttl_copy", false}}));
     // A pop into a VRF: no next hop, so FE only, with the VRF and no label.
-    e2e_msg_t pop = get(E2E_UDP_ILM, "u_mpls.udp_ilm|5004");
-    ASSERT_NE(pop, nullptr);
-    EXPECT_EQ(e2e_as<UMpls__UdpIlm>(pop)->opcode, 5u);
-    EXPECT_EQ(e2e_as<UMpls__UdpIlm>(pop)->swap_label, kNoLabel);
-    EXPECT_EQ(e2e_as<UMpls__UdpIlm>(pop)->vrf_id, 7u);
+    EXPECT_TRUE(has_fields(fe(5004), {{"opcode", 5}, {"swap_label", kNoLabel}, {"vrf_id", 7}}));
 
-    std::map<std::string, uint64_t> adj_ids;  // labels -> id
-    for (const auto &[key, m] : rows(E2E_ILM_ADJ)) {
-        const auto *a = e2e_as<SRoute__InSubAdj>(m);
-        EXPECT_EQ(a->index->t_rt_owner, 7u);
-        EXPECT_EQ(a->opcode, 3u);
-        EXPECT_EQ(a->ttl, 255u);
-        ASSERT_EQ(a->n_labels, 1u);
-        adj_ids[std::to_string(a->labels[0])] = a->index->mplsid;
-        EXPECT_EQ(e2e_ip_text(&a->index->ip->base),
-                  a->index->protocol ? std::string("v6:") + kTnlV6 : std::string("v4:") + kTnlV4);
+    std::map<uint32_t, uint64_t> adj_ids;  // label -> id
+    for (const json &a : rows(E2E_ILM_ADJ)) {
+        EXPECT_TRUE(has_fields(a, {{"opcode", 3}, {"ttl", 255}}));
+        ASSERT_EQ(a["labels"].size(), 1u);
+        adj_ids[a["labels"][0].get<uint32_t>()] = a["index"]["mplsid"];
+        EXPECT_EQ(a["index"]["ip"], a["index"]["protocol"] == 1 ? kTnlV6 : kTnlV4);
     }
     ASSERT_EQ(adj_ids.size(), 2u);
 
     // The virtual route's address is 231.x.y.z (v4) or ff07:0:<label>:: (v6).
-    std::map<std::string, std::string> vir;  // address -> fields
-    for (const auto &[key, m] : rows(E2E_ILM_VIR_RT)) {
-        const SRoute__VirRtKey *k = e2e_as<SRoute__VirRt>(m)->index;
-        EXPECT_EQ(k->vrf, 0u);
-        EXPECT_EQ(k->tnl_ifx, 0u);
-        EXPECT_EQ(k->protocol, k->nh_proto);
-        vir[e2e_ip_text(&k->ip->base)] = std::to_string(k->mask_len) + " " + std::to_string(k->protocol) +
-                                         " " + std::to_string(k->nh_ifx) + " " +
-                                         e2e_ip_text(&k->nh_ip->base) + " " +
-                                         std::to_string(k->mpls_id);
+    std::map<std::string, json> vir;  // address -> record
+    for (const json &r : rows(E2E_ILM_VIR_RT)) {
+        const json &index = r["index"];
+        EXPECT_TRUE(has_fields(index, {{"vrf", 0}, {"tnl_ifx", 0}, {"nh_proto", index["protocol"]}}));
+        vir[index["ip"].get<std::string>()] = r;
     }
-    EXPECT_EQ(vir["v4:231.1.35.69"], "32 0 101 v4:192.0.2.1 " + std::to_string(adj_ids["6002"]));
-    EXPECT_EQ(vir["v6:ff07:0:5:4321::"], "128 1 103 v6:2001:db8::1 " + std::to_string(adj_ids["6003"]));
+    EXPECT_TRUE(has_fields(vir["231.1.35.69"]["index"], {{"mask_len", 32}, {"protocol", 0},
+                                                         {"nh_ifx", 101}, {"nh_ip", "192.0.2.1"},
+                                                         {"mpls_id", adj_ids[6002]}}));
+    EXPECT_TRUE(has_fields(vir["ff07:0:5:4321::"]["index"], {{"mask_len", 128}, {"protocol", 1},
+                                                             {"nh_ifx", 103}, {"nh_ip", "2001:db8::1"},
+                                                             {"mpls_id", adj_ids[6003]}}));
 
-    // A second next hop with the same swap shares the adjacency; FE is not rewritten.
-    redis_->put(e2e_ilm(swap2));
-    ASSERT_TRUE(wait_outputs({{&E2E_ILM_VIR_RT, 3}, {&E2E_ILM_ADJ, 2}, {&E2E_UDP_ILM, 3}}, kWaitMs));
-    redis_->del(e2e_ilm(swap1));
-    ASSERT_TRUE(wait_outputs({{&E2E_ILM_VIR_RT, 2}, {&E2E_ILM_ADJ, 2}, {&E2E_UDP_ILM, 3}}, kWaitMs));
-    EXPECT_NE(get(E2E_UDP_ILM, "u_mpls.udp_ilm|74565"), nullptr) << "one next hop is left";
-    redis_->del({e2e_ilm(swap2), e2e_ilm(swap_v6), e2e_ilm(l3switch)});
-    ASSERT_TRUE(wait_outputs({{&E2E_ILM_VIR_RT, 0}, {&E2E_ILM_ADJ, 0}, {&E2E_UDP_ILM, 0}}, kWaitMs));
+    // A second next hop with the same swap shares the adjacency and the FE record,
+    // which stays while one next hop is left.
+    load({swap2});
+    ASSERT_TRUE(wait_outputs({{&E2E_ILM_VIR_RT, 3}, {&E2E_ILM_ADJ, 2}, {&E2E_UDP_ILM, 3}}));
+    unload({swap1});
+    ASSERT_TRUE(wait_outputs({{&E2E_ILM_VIR_RT, 2}, {&E2E_ILM_ADJ, 2}, {&E2E_UDP_ILM, 3}}));
+    unload({swap2, swap_v6, l3switch});
+    ASSERT_TRUE(wait_outputs({{&E2E_ILM_VIR_RT, 0}, {&E2E_ILM_ADJ, 0}, {&E2E_UDP_ILM, 0}}));
 }
 
 TEST_F(e2e_flow_t, SwitchesReachFeAndTtlCopyRewritesTheAdjacencies) {
-    redis_->put({e2e_mpls_enable(true), e2e_lab_sw(101, 1), e2e_ftn(kFtnNh1),
-                 e2e_ilm({0x12345, "192.0.2.1", 101, {6002}, 3}),
-                 e2e_vc_ftn({3001, "192.0.2.1", 101, {4001}, 1, 0, 0, 0})});
+    const json mpls_on = {{"table", "p_mpls.mom_conf_global_enable"}, {"mpls_enable", true}};
+    const json ttl_copy = {{"table", "p_mpls.mom_conf_vpn_ttl"}, {"vpn_ttl_enable", true}};
+    auto lab_sw = [](int enable) {
+        return json{{"table", "p_mpls.mom_conf_label_switch"}, {"index", {{"ifx", 101}}}, {"enable", enable}};
+    };
+    load({mpls_on, lab_sw(1), kFtnNh1, e2e_ilm(0x12345, "192.0.2.1", 101, {6002}, 3),
+          e2e_vc_ftn(3001, "192.0.2.1", 101, {4001})});
     ASSERT_TRUE(wait_outputs({{&E2E_MPLS_EN, 1}, {&E2E_LAB_SW, 1}, {&E2E_FTN_ADJ, 1}, {&E2E_ILM_ADJ, 1},
-                              {&E2E_VC_ADJ, 1}, {&E2E_UDP_ILM, 1}, {&E2E_TTL_COPY, 0}},
-                             kWaitMs));
-    EXPECT_TRUE(e2e_as<UMpls__UdpMplsEnable>(get(E2E_MPLS_EN, "u_mpls.udp_mpls_enable"))->enable);
-    e2e_msg_t sw = get(E2E_LAB_SW, "u_mpls.udp_lab_sw|101");
-    ASSERT_NE(sw, nullptr);
-    EXPECT_TRUE(e2e_as<UMpls__UdpLabSw>(sw)->enable);
+                              {&E2E_VC_ADJ, 1}, {&E2E_UDP_ILM, 1}, {&E2E_TTL_COPY, 0}}));
+    EXPECT_EQ(rows(E2E_MPLS_EN)[0]["enable"], true);
+    EXPECT_TRUE(has_fields(rows(E2E_LAB_SW)[0], {{"index", {{"ifx", 101}}}, {"enable", true}}));
 
     // TTL copy on: FTN and ILM adjacencies get TTL 0, VC-FTN keeps 255, FE copies.
-    redis_->put(e2e_ttl_copy(true));
-    ASSERT_TRUE(wait_until([&] { return adj_ttl(E2E_FTN_ADJ) == 0 && adj_ttl(E2E_ILM_ADJ) == 0; }, kWaitMs));
-    EXPECT_EQ(adj_ttl(E2E_VC_ADJ), 255);
-    ASSERT_TRUE(wait_until([&] { return count(E2E_TTL_COPY) == 1; }, kWaitMs));
-    EXPECT_TRUE(e2e_as<UMpls__UdpTtlCopyEnable>(get(E2E_TTL_COPY, "u_mpls.udp_ttl_copy_enable"))->enable);
-    EXPECT_TRUE(e2e_as<UMpls__UdpIlm>(get(E2E_UDP_ILM, "u_mpls.udp_ilm|74565"))->ttl_copy);
+    load({ttl_copy});
+    ASSERT_TRUE(wait_outputs({{&E2E_TTL_COPY, 1}}));
+    EXPECT_EQ(ttls(E2E_FTN_ADJ), std::vector<int>{0});
+    EXPECT_EQ(ttls(E2E_ILM_ADJ), std::vector<int>{0});
+    EXPECT_EQ(ttls(E2E_VC_ADJ), std::vector<int>{255});
+    EXPECT_EQ(rows(E2E_TTL_COPY)[0]["enable"], true);
+    EXPECT_EQ(fe(0x12345)["ttl_copy"], true);
 
     // Switching off deletes the records rather than writing false.
-    redis_->del({e2e_ttl_copy(true), e2e_mpls_enable(true)});
-    redis_->put(e2e_lab_sw(101, 0));
-    ASSERT_TRUE(wait_outputs({{&E2E_MPLS_EN, 0}, {&E2E_LAB_SW, 0}, {&E2E_TTL_COPY, 0}}, kWaitMs));
-    EXPECT_EQ(adj_ttl(E2E_FTN_ADJ), 255);
-    EXPECT_EQ(adj_ttl(E2E_ILM_ADJ), 255);
-    EXPECT_FALSE(e2e_as<UMpls__UdpIlm>(get(E2E_UDP_ILM, "u_mpls.udp_ilm|74565"))->ttl_copy);
+    unload({ttl_copy, mpls_on});
+    load({lab_sw(0)});
+    ASSERT_TRUE(wait_outputs({{&E2E_MPLS_EN, 0}, {&E2E_LAB_SW, 0}, {&E2E_TTL_COPY, 0}}));
+    EXPECT_EQ(ttls(E2E_FTN_ADJ), std::vector<int>{255});
+    EXPECT_EQ(ttls(E2E_ILM_ADJ), std::vector<int>{255});
+    EXPECT_EQ(fe(0x12345)["ttl_copy"], false);
 }
 
 }  // namespace

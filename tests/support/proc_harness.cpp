@@ -165,11 +165,50 @@ bool daemon_proc_t::running() {
     return !done;
 }
 
-std::string daemon_proc_t::log() const {
-    std::ifstream f(log_);
+std::string daemon_proc_t::log() const { return file_text(log_); }
+
+std::string daemon_proc_t::sanitizer_report() const {
+    const std::string text = log();
+    for (const char *report : {"ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:"})
+        if (size_t at = text.find(report); at != std::string::npos) return text.substr(at, 2000);
+    return "";
+}
+
+std::string file_text(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
     std::stringstream ss;
     ss << f.rdbuf();
     return ss.str();
+}
+
+std::vector<std::string> text_lines(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);) lines.push_back(l);
+    return lines;
+}
+
+ctl_result_t run_ctl(const std::vector<std::string> &args, const std::string &scratch) {
+    const std::string out = scratch + "/ctl.out", err = scratch + "/ctl.err";
+    const char *dir = getenv("L3VPN_BUILD_DIR");
+    std::string bin = std::string(dir != nullptr ? dir : "build") + "/tools/l3vpn-ctl";
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+        dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+        std::vector<char *> argv{bin.data()};
+        for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(bin.c_str(), argv.data());
+        _exit(127);
+    }
+    ctl_result_t r;
+    int st = 0;
+    if (pid > 0 && waitpid(pid, &st, 0) == pid)
+        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    r.out = file_text(out);
+    r.err = file_text(err);
+    return r;
 }
 
 redis_cli_t::redis_cli_t(const std::string &sock) {

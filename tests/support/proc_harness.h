@@ -15,6 +15,19 @@ struct redisReply;
 // decimal, "(nil)", "(array)", or "(no reply)" for none.
 std::string redis_reply_text(const redisReply *r);
 
+// Everything in a file, "" when it cannot be read.
+std::string file_text(const std::string &path);
+// The lines of a text without their newlines.
+std::vector<std::string> text_lines(const std::string &text);
+
+// A run of the operator tool l3vpn-ctl of this build.
+struct ctl_result_t {
+    int status = -1;  // exit status, or 128+signal
+    std::string out, err;
+};
+// scratch: a folder for the captured output.
+ctl_result_t run_ctl(const std::vector<std::string> &args, const std::string &scratch);
+
 // A temporary folder, removed with everything in it.
 class temp_dir_t {
 public:
@@ -58,6 +71,8 @@ public:
     pid_t pid() const { return pid_; }
     const std::string &log_path() const { return log_; }
     std::string log() const;
+    // The first sanitizer report in the log (a sanitized build), "" when none.
+    std::string sanitizer_report() const;
     const std::string &root() const { return root_; }
 
 private:

@@ -13,7 +13,6 @@
 #include "s_route.pb-c.h"
 #include "u_mpls.pb-c.h"
 #include "support/proc_harness.h"
-#include "ctl_run.h"
 
 using json = nlohmann::json;
 
@@ -99,45 +98,35 @@ json full_value(const ProtobufCFieldDescriptor *f, int &n) {
 
 class CtlRecords : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        dir_ = new temp_dir_t;
-        redis_ = new redis_server_t(dir_->path());
-        ASSERT_TRUE(redis_->start());
-    }
-    static void TearDownTestSuite() {
-        delete redis_;
-        delete dir_;
-    }
     void SetUp() override {
-        ASSERT_TRUE(cli_.ok());
-        cli_.flushall();
+        ASSERT_TRUE(redis_.start());
+        cli_ = std::make_unique<redis_cli_t>(redis_.socket());
     }
     ctl_result_t run(std::vector<std::string> args) {
-        args.insert(args.begin(), {"--redis", redis_->mom_redis()});
-        return ctl_run(args, dir_->path());
+        args.insert(args.begin(), {"--redis", redis_.mom_redis()});
+        return run_ctl(args, dir_.path());
     }
     std::string file(const std::string &name, const std::vector<std::string> &lines) {
-        std::string path = dir_->path() + "/" + name;
+        std::string path = dir_.path() + "/" + name;
         std::ofstream f(path);
         for (const std::string &l : lines) f << l << "\n";
         return path;
     }
-    size_t keys_in(int db) {
-        cli_.select(db);
-        return cli_.keys("*").size();
+    std::vector<std::string> keys_in(int db, const std::string &pattern = "*") {
+        cli_->select(db);
+        return cli_->keys(pattern);
     }
-    static temp_dir_t *dir_;
-    static redis_server_t *redis_;
-    redis_cli_t cli_{redis_->socket()};
+    temp_dir_t dir_;
+    redis_server_t redis_{dir_.path()};
+    std::unique_ptr<redis_cli_t> cli_;
 };
-
-temp_dir_t *CtlRecords::dir_ = nullptr;
-redis_server_t *CtlRecords::redis_ = nullptr;
 
 const std::string kIlm =
     R"({"table": "p_mpls.mom_msg_ilm", "index": {"in_label": 5002, "co_nhop": "192.0.2.1", )"
     R"("out_ifx": 101, "lb_cnt": 1, "lb_st_0": 6002, "opcode": "SWAP"}, "vrfid": 1})";
+// The keys other programs look these records up by.
 const std::string kIlmKey = "p_mpls.mom_msg_ilm|5002|0|v4:192.0.2.1|101||1|6002|0|0|0|0|0|0|3";
+const std::string kVcFtnKey = "u_mpls.udp_vc_ftn|3001|v4b:c0000201|0";
 const std::string kAdj =
     R"({"table": "s_route.in_sub_adj", "index": {"t_rt_owner": 7, "ifx": 3, "ip": "::1", )"
     R"("mplsid": 4294967301}, "opcode": 3, "labels": [16, 1048576], "ttl_map": true})";
@@ -150,33 +139,31 @@ TEST_F(CtlRecords, EveryTableRoundTripsWithEveryFieldSet) {
     std::vector<json> records;
     int n = 0;
     for (const table_case_t &t : kTables) {
-        json rec = {{"table", t.desc->name}};
-        rec.update(full_message(t.desc, n));
-        records.push_back(rec);
-        lines.push_back(rec.dump());
+        records.push_back({{"table", t.desc->name}});
+        records.back().update(full_message(t.desc, n));
+        lines.push_back(records.back().dump());
     }
     ctl_result_t load = run({"load", file("full.jsonl", lines)});
     ASSERT_EQ(load.status, 0) << load.err;
-    EXPECT_EQ(load.out, "loaded 20 records from " + dir_->path() + "/full.jsonl\n");
+    EXPECT_EQ(load.out, "loaded 20 records from " + dir_.path() + "/full.jsonl\n");
     for (size_t i = 0; i < std::size(kTables); ++i) {
         const table_case_t &t = kTables[i];
         SCOPED_TRACE(t.desc->name);
         ctl_result_t dump = run({"dump", t.desc->name, "--json"});
         ASSERT_EQ(dump.status, 0) << dump.err;
-        std::vector<std::string> out = ctl_lines(dump.out);
+        std::vector<std::string> out = text_lines(dump.out);
         ASSERT_EQ(out.size(), 1u) << dump.out;
         EXPECT_EQ(json::parse(out[0]), records[i]);
-        cli_.select(t.db);
-        std::vector<std::string> keys = cli_.keys(std::string(t.desc->name) + "*");
+        std::vector<std::string> keys = keys_in(t.db, std::string(t.desc->name) + "*");
         ASSERT_EQ(keys.size(), 1u);
-        EXPECT_EQ(cli_.command({"TYPE", keys[0]}), t.type);
+        EXPECT_EQ(cli_->command({"TYPE", keys[0]}), t.type);
     }
     // dump all --json loads back into an empty store unchanged
     ctl_result_t all = run({"dump", "all", "--json"});
     ASSERT_EQ(all.status, 0);
-    EXPECT_EQ(ctl_lines(all.out).size(), 20u);
-    cli_.flushall();
-    ASSERT_EQ(run({"load", file("all.jsonl", ctl_lines(all.out))}).status, 0);
+    EXPECT_EQ(text_lines(all.out).size(), 20u);
+    cli_->flushall();
+    ASSERT_EQ(run({"load", file("all.jsonl", text_lines(all.out))}).status, 0);
     EXPECT_EQ(run({"dump", "all", "--json"}).out, all.out);
 }
 
@@ -196,31 +183,29 @@ TEST_F(CtlRecords, TableViewShowsNamesAddressesAndMplsIds) {
               "3001          v4b:c0000201   0              INITIAL  [4001]       5        0       0\n"
               "\n"
               "== s_route.in_sub_adj (db 10, string, 1 record) ==\n" +
-                  ctl_lines(adj.out)[0] + "\n" + ctl_lines(adj.out)[1] + "\n\n");
+                  text_lines(adj.out)[0] + "\n" + text_lines(adj.out)[1] + "\n\n");
     EXPECT_EQ(run({"dump", "u_mpls.udp_ilm"}).out, "(no records of u_mpls.udp_ilm in db 10)\n");
 }
 
 TEST_F(CtlRecords, HashRecordsAreHashesOfThePresentFields) {
     const std::string key = "p_intf.data_intf|7";
-    ASSERT_EQ(run({"load", file("h1.jsonl", {R"({"table": "p_intf.data_intf", "index": {"index": 7}, "name": "eth7", "dev": 1})"})}).status, 0);
-    cli_.select(4);
-    cli_.command({"PEXPIRE", key, "100000"});  // a data-sync mark
-    ASSERT_EQ(run({"load", file("h2.jsonl", {R"({"table": "p_intf.data_intf", "index": {"index": 7}, "dev": 2, "link_state": "UP"})"})}).status, 0);
-    EXPECT_EQ(cli_.command({"TYPE", key}), "hash");
-    EXPECT_EQ(cli_.command({"TTL", key}), "-1");
+    const std::string intf = R"({"table": "p_intf.data_intf", "index": {"index": 7}, )";
+    ASSERT_EQ(run({"load", file("h1.jsonl", {intf + R"("name": "eth7", "dev": 1})"})}).status, 0);
+    cli_->select(4);
+    cli_->command({"PEXPIRE", key, "100000"});  // a data-sync mark
+    ASSERT_EQ(run({"load", file("h2.jsonl", {intf + R"("dev": 2, "link_state": "UP"})"})}).status, 0);
+    EXPECT_EQ(cli_->command({"TYPE", key}), "hash");
+    EXPECT_EQ(cli_->command({"TTL", key}), "-1");
     std::vector<std::string> names;  // only the present fields, the old name gone
-    for (const auto &f : cli_.hgetall(key)) names.push_back(f.first);
+    for (const auto &f : cli_->hgetall(key)) names.push_back(f.first);
     std::sort(names.begin(), names.end());
     EXPECT_EQ(names, (std::vector<std::string>{"dev", "index", "link_state"}));
 }
 
-struct bad_case_t {
-    const char *line;
-    const char *reason;
-};
-
 TEST_F(CtlRecords, OneBadLineWritesNothingAndNamesTheLine) {
-    const bad_case_t cases[] = {
+    const struct {
+        const char *line, *reason;
+    } cases[] = {
         {"{\"table\": ", "bad JSON: "},
         {R"({"table": "p_mpls.mom_msg_nope"})", "unknown table 'p_mpls.mom_msg_nope'"},
         {R"({"table": "p_mpls.mom_msg_ilm", "index": {"in_label": 1, "label": 2}})",
@@ -232,43 +217,51 @@ TEST_F(CtlRecords, OneBadLineWritesNothingAndNamesTheLine) {
         {R"({"table": "p_mpls.mom_msg_ilm", "vrfid": 1})", "missing key \"index\" of p_mpls.mom_msg_ilm"},
         {R"({"table": "p_intf.data_intf", "index": {"index": 1}, "link_state": "SIDEWAYS"})",
          "field 'link_state': unknown p_intf.intfstatus_e value 'SIDEWAYS'"},
+        {R"({"table": "s_route.in_sub_adj"})", "missing key \"index\" of s_route.in_sub_adj"},
     };
-    for (const bad_case_t &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.line);
-        std::string path = file("bad.jsonl", {kIlm, "", c.line, kAdj});
-        ctl_result_t r = run({"load", path});
-        EXPECT_EQ(r.status, 1);
-        EXPECT_EQ(r.err.find(path + ":3: " + c.reason), 0u) << r.err;
-        EXPECT_NE(r.err.find("1 bad line, nothing written"), std::string::npos) << r.err;
-        EXPECT_EQ(keys_in(6) + keys_in(10), 0u);
+        for (const char *how : {"load", "delete"}) {
+            cli_->flushall();
+            ASSERT_EQ(run({"load", file("good.jsonl", {kVcFtn})}).status, 0);
+            std::string path = file("bad.jsonl", {kIlm, "", c.line, kAdj, kVcFtn});
+            ctl_result_t r = run({how, path});
+            EXPECT_EQ(r.status, 1) << how;
+            EXPECT_EQ(r.err.find(path + ":3: " + c.reason), 0u) << r.err;
+            EXPECT_NE(r.err.find("l3vpn-ctl: " + path + ": 1 bad line, nothing "), std::string::npos)
+                << r.err;
+            EXPECT_EQ(keys_in(6), std::vector<std::string>{kVcFtnKey}) << how;
+            EXPECT_EQ(keys_in(10).size(), 0u);
+        }
     }
 }
 
 TEST_F(CtlRecords, DeleteRemovesExactlyTheNamedKeys) {
-    ASSERT_EQ(run({"load", file("d.jsonl", {kIlm, kAdj, kVcFtn, R"({"table": "p_mpls.mom_conf_vpn_ttl", "vpn_ttl_enable": true})"})}).status, 0);
-    cli_.select(6);
-    cli_.set("p_mpls.mom_msg_ilm_other|1", "x");  // not a record of the table
-    ctl_result_t r = run({"delete", file("del.jsonl", {R"({"table": "p_mpls.mom_msg_ilm", "index": {"in_label": 5002, "co_nhop": "192.0.2.1", "out_ifx": 101, "lb_cnt": 1, "lb_st_0": 6002, "opcode": 3}})",
-                                                       R"({"table": "p_mpls.mom_conf_vpn_ttl"})",
-                                                       R"({"table": "p_mpls.mom_msg_ilm", "index": {"in_label": 9}})"})});
+    const std::string ttl = R"({"table": "p_mpls.mom_conf_vpn_ttl", "vpn_ttl_enable": true})";
+    ASSERT_EQ(run({"load", file("d.jsonl", {kIlm, kAdj, kVcFtn, ttl})}).status, 0);
+    EXPECT_EQ(keys_in(6), (std::vector<std::string>{kIlmKey, kVcFtnKey}));
+    cli_->set("p_mpls.mom_msg_ilm_other|1", "x");  // not a record of the table
+    // The ILM named by its key fields only, a record without a key, and one that is not there.
+    const std::string ilm = R"({"table": "p_mpls.mom_msg_ilm", "index": {"in_label": )";
+    const std::string path =
+        file("del.jsonl", {ilm + R"(5002, "co_nhop": "192.0.2.1", "out_ifx": 101, "lb_cnt": 1, )"
+                                 R"("lb_st_0": 6002, "opcode": 3}})",
+                           R"({"table": "p_mpls.mom_conf_vpn_ttl"})", ilm + "9}}"});
+    ctl_result_t r = run({"delete", path});
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "deleted 2 of 3 records named in " + dir_->path() + "/del.jsonl\n");
-    cli_.select(6);
-    EXPECT_EQ(cli_.keys("*"), (std::vector<std::string>{"p_mpls.mom_msg_ilm_other|1", "u_mpls.udp_vc_ftn|3001|v4b:c0000201|0"}));
-    EXPECT_EQ(keys_in(4), 0u);
-    EXPECT_EQ(keys_in(10), 1u);
-    // a bad line deletes nothing
-    EXPECT_EQ(run({"delete", file("del2.jsonl", {kVcFtn, R"({"table": "s_route.in_sub_adj"})"})}).status, 1);
-    EXPECT_EQ(keys_in(6) + keys_in(10), 3u);
+    EXPECT_EQ(r.out, "deleted 2 of 3 records named in " + path + "\n");
+    EXPECT_EQ(keys_in(6), (std::vector<std::string>{"p_mpls.mom_msg_ilm_other|1", kVcFtnKey}));
+    EXPECT_EQ(keys_in(4).size(), 0u);
+    EXPECT_EQ(keys_in(10).size(), 1u);
 }
 
 TEST_F(CtlRecords, UndecodableRecordIsReportedAndTheRestPrinted) {
     ASSERT_EQ(run({"load", file("u.jsonl", {kIlm})}).status, 0);
-    cli_.select(6);
-    cli_.set("p_mpls.mom_msg_ilm|1|0||0||0|0|0|0|0|0|0|0|0", std::string("\x2a\xff", 2));
+    cli_->select(6);
+    cli_->set("p_mpls.mom_msg_ilm|1|0||0||0|0|0|0|0|0|0|0|0", std::string("\x2a\xff", 2));
     ctl_result_t r = run({"dump", "p_mpls.mom_msg_ilm", "--json"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(ctl_lines(r.out).size(), 1u);
+    EXPECT_EQ(text_lines(r.out).size(), 1u);
     EXPECT_EQ(r.err, "l3vpn-ctl: dump: db 6 key 'p_mpls.mom_msg_ilm|1|0||0||0|0|0|0|0|0|0|0|0': "
                      "does not decode as string p_mpls.mom_msg_ilm\n");
 }
@@ -277,7 +270,8 @@ TEST_F(CtlRecords, CapabilitiesLiveInTheGlobalHashOfDatabase4) {
     EXPECT_EQ(run({"cap", "set", "s_mpls/l3vpn/capacity/ilm", "4000"}).status, 0);
     EXPECT_EQ(run({"cap", "set", "s_mpls/l3vpn/ability/l3vpn", "true"}).status, 0);
     EXPECT_EQ(run({"cap", "set", "s_mpls/l3vpn/capacity/ilm", "4e3"}).status, 2);
-    cli_.select(4);
+    cli_->select(4);
+    EXPECT_EQ(cli_->command({"HGET", "capability|global", "s_mpls/l3vpn/capacity/ilm"}), "4000");
     EXPECT_EQ(run({"cap", "get", "s_mpls/l3vpn/ability/l3vpn"}).out, "true\n");
     ctl_result_t missing = run({"cap", "get", "s_mpls/l3vpn/capacity/ftn"});
     EXPECT_EQ(missing.status, 1);
@@ -288,9 +282,9 @@ TEST_F(CtlRecords, CapabilitiesLiveInTheGlobalHashOfDatabase4) {
 }
 
 TEST_F(CtlRecords, UsageErrorsAndUnreachableStore) {
-    for (std::vector<std::string> args : {std::vector<std::string>{"frobnicate"}, {"dump", "p_libpub.ip"}})
-        EXPECT_EQ(run(args).status, 2) << args[0];
-    ctl_result_t down = ctl_run({"--redis", "unix:" + dir_->path() + "/nothing.sock", "dump", "all"}, dir_->path());
+    EXPECT_EQ(run({"frobnicate"}).status, 2);
+    EXPECT_EQ(run({"dump", "p_libpub.ip"}).status, 2);
+    ctl_result_t down = run_ctl({"--redis", "unix:/nonexistent.sock", "dump", "all"}, dir_.path());
     EXPECT_EQ(down.status, 1);
     EXPECT_NE(down.err.find("cannot connect to Redis at unix:"), std::string::npos) << down.err;
 }
