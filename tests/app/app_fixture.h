@@ -1,5 +1,6 @@
-// Forwarding state over the in-memory MOM: fresh databases, tables and error
-// rows per test, message builders, and readers of the records written.
+// Forwarding state over the in-memory MOM. L3vpnTest (log, error rows,
+// records read back) is shared with the daemon suite; AppTest adds fresh
+// databases per test and builders of the messages the handlers pass on.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -14,12 +15,73 @@
 #include "app/proc/ce_l3vpn_cap.h"
 #include "app/proc/ce_l3vpn_err.h"
 #include "app/proc/ce_l3vpn_mem.h"
-#include "app/proc/ce_l3vpn_proto_op.h"
 #include "app/proc/ce_l3vpn_syslog.h"
 #include "app/proc/ce_l3vpn_tbl.h"
 #include "s_route.pb-c.h"
 #include "support/mom_mem.h"
 #include "u_mpls.pb-c.h"
+
+inline ::testing::AssertionResult has(const std::string &text, const std::string &part) {
+    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
+}
+
+inline const ProtobufCMessageDescriptor *const kAdj = &s_route__in_sub_adj__descriptor;
+inline const ProtobufCMessageDescriptor *const kCommRt = &s_route__comm_rt__descriptor;
+inline const ProtobufCMessageDescriptor *const kVirRt = &s_route__vir_rt__descriptor;
+inline const ProtobufCMessageDescriptor *const kIlm = &u_mpls__udp_ilm__descriptor;
+
+class L3vpnTest : public ::testing::Test {
+protected:
+    // Debug logging into a captured stderr; take_log() reads it.
+    void start_log() {
+        ce_l3vpn_dbg_level = CE_L3VPN_DEBUG;
+        ce_l3vpn_zlog_handle = 1;
+        testing::internal::CaptureStderr();
+    }
+    void stop_log() {
+        testing::internal::GetCapturedStderr();
+        ce_l3vpn_zlog_handle = 0;  // the clean-up after it is not part of any test
+    }
+    // Everything logged since the last call.
+    std::string take_log() {
+        std::string out = testing::internal::GetCapturedStderr();
+        testing::internal::CaptureStderr();
+        return out;
+    }
+    uint32_t rows(ce_l3vpn_err_code_t c) const { return ce_l3vpn_err_tbl[c].count; }
+    static void clear_rows() {
+        for (ce_l3vpn_err_row_t &r : ce_l3vpn_err_tbl) r.count = r.history = r.line = 0;
+    }
+    // A record read back by its key text (null if absent); kept alive by the fixture.
+    template <typename T>
+    T *get(uint32_t db, const ProtobufCMessageDescriptor *d, const std::string &key) {
+        held_.push_back(mom_mem_get(mom_, db, d, key));
+        return reinterpret_cast<T *>(held_.back().get());
+    }
+    // Key texts of a table's records, optionally of one route owner (the
+    // first key field): every key field, in field order.
+    std::vector<std::string> keys(uint32_t db, const ProtobufCMessageDescriptor *d,
+                                  const std::string &owner = "") {
+        std::vector<std::string> out;
+        const std::string prefix = std::string(d->name) + "|" + (owner.empty() ? "" : owner + "|");
+        for (const std::string &k : mom_mem_keys(mom_, db))
+            if (k.rfind(prefix, 0) == 0) out.push_back(k.substr(strlen(d->name) + 1));
+        return out;
+    }
+    template <typename T>
+    std::vector<T *> records(uint32_t db, const ProtobufCMessageDescriptor *d,
+                             const std::string &owner = "") {
+        std::vector<T *> out;
+        for (const std::string &k : keys(db, d, owner)) out.push_back(get<T>(db, d, k));
+        return out;
+    }
+
+    tq_mom_client_t *mom_ = nullptr;
+    std::vector<mom_mem_msg_ptr> held_;
+};
+
+// ---- the app layer alone ----------------------------------------------------------
 
 struct nh_t {
     uint8_t pro;
@@ -49,8 +111,7 @@ inline ce_msg_comm_t ftn_msg(uint8_t net, const nh_t &nh, uint8_t op,
     m.key.ftn.ip[0] = 192, m.key.ftn.ip[2] = 2, m.key.ftn.ip[3] = net;
     return m;
 }
-inline ce_msg_comm_t vc_ftn_msg(uint32_t vc_ifx, const nh_t &nh,
-                                std::initializer_list<uint32_t> labels) {
+inline ce_msg_comm_t vc_ftn_msg(uint32_t vc_ifx, const nh_t &nh, std::initializer_list<uint32_t> labels) {
     ce_msg_comm_t m = app_msg(CE_OWNER_VC_FTN, nh, CE_OP_PUSH, labels);
     m.key.vc_ftn.vc_ifx = m.data.vc_ifx = vc_ifx;
     m.data.vc_mode = 4, m.data.sd_vid = 12, m.data.cw = 1;
@@ -68,91 +129,42 @@ inline ce_msg_comm_t as_del(ce_msg_comm_t m) {
     return m;
 }
 
-inline ::testing::AssertionResult has(const std::string &text, const std::string &part) {
-    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
-}
-
-class AppTest : public ::testing::Test {
+class AppTest : public L3vpnTest {
 protected:
     void SetUp() override {
         mom_ = mom_mem_new();
         ctx_ = mom_mem_ctx(mom_);
-        ss_rt_tbl_reset_for_test();
         ce_l3_table_init(&ctx_);
-        ce_l3vpn_app_reset();
         ce_l3_cap_set_def();
-        ce_l3vpn_syslog_reset();
-        const uint8_t v4[4] = {127, 0, 0, 1};
-        const uint8_t v6[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-        ce_l3vpn_set_local_tnl_addr(v4, v6);
-        ce_l3vpn_dbg_level = CE_L3VPN_DEBUG;
-        ce_l3vpn_zlog_handle = 1;
-        testing::internal::CaptureStderr();
+        start_log();
         ASSERT_EQ(0, ce_l3vpn_app_init());
         take_log();
-        for (ce_l3vpn_err_row_t &r : ce_l3vpn_err_tbl) r.count = 0;
+        clear_rows();
         mem_base_ = ce_l3vpn_mem_cnt;
     }
     void TearDown() override {
-        log_ += testing::internal::GetCapturedStderr();
-        ce_l3vpn_zlog_handle = 0;  // the clean-up below is not part of any test
+        stop_log();
         ce_l3vpn_mem_fail_at(0);
         keyed_tbl_fail_alloc_at(0);
         ce_l3vpn_app_reset();
+        ce_l3vpn_syslog_reset();
         ss_rt_tbl_reset_for_test();
         mom_mem_free(mom_);
     }
-    // Everything logged so far; the next call sees only what came after.
-    std::string take_log() {
-        log_ += testing::internal::GetCapturedStderr();
-        testing::internal::CaptureStderr();
-        std::string out;
-        out.swap(log_);
-        return out;
-    }
-    uint32_t rows(ce_l3vpn_err_code_t c) const { return ce_l3vpn_err_tbl[c].count; }
     int32_t live_nodes() const { return static_cast<int32_t>(ce_l3vpn_mem_cnt - mem_base_); }
-
-    // Every record of a table on db, decoded (owner slices share a table: filter the result).
-    template <typename T>
-    std::vector<T *> records(uint32_t db, const ProtobufCMessageDescriptor *desc) {
-        std::vector<T *> out;
-        std::string prefix = std::string(desc->name) + "|";
-        for (const std::string &k : mom_mem_keys(mom_, db)) {
-            if (k != desc->name && k.rfind(prefix, 0) != 0) continue;
-            std::string text = k.size() > prefix.size() ? k.substr(prefix.size()) : "";
-            held_.push_back(mom_mem_get(mom_, db, desc, text));
-            out.push_back(reinterpret_cast<T *>(held_.back().get()));
-        }
-        return out;
-    }
-    // The records of one route owner (1 ftn, 8 vc_ftn, 7 ilm) in an owner-sliced table.
-    template <typename T>
-    std::vector<T *> of_owner(uint32_t db, const ProtobufCMessageDescriptor *desc, uint32_t rt_owner) {
-        std::vector<T *> out = records<T>(db, desc);
-        std::erase_if(out, [&](T *r) { return r->index->t_rt_owner != rt_owner; });
-        return out;
-    }
-    std::vector<SRoute__InSubAdj *> uc(uint32_t o) {  // inner adjacencies in UC
-        return of_owner<SRoute__InSubAdj>(10, &s_route__in_sub_adj__descriptor, o);
+    // Records of one route owner (1 ftn, 8 vc_ftn, 7 ilm) in UC and EF, and FE's ILMs.
+    std::vector<SRoute__InSubAdj *> uc(uint32_t o) {
+        return records<SRoute__InSubAdj>(10, kAdj, std::to_string(o));
     }
     std::vector<SRoute__VirRt *> vir_routes(uint32_t o) {
-        return of_owner<SRoute__VirRt>(6, &s_route__vir_rt__descriptor, o);
+        return records<SRoute__VirRt>(6, kVirRt, std::to_string(o));
     }
-    std::vector<SRoute__CommRt *> ftn_routes() {
-        return records<SRoute__CommRt>(6, &s_route__comm_rt__descriptor);
-    }
-    std::vector<UMpls__UdpIlm *> fe_ilms() {
-        return records<UMpls__UdpIlm>(10, &u_mpls__udp_ilm__descriptor);
-    }
+    std::vector<SRoute__CommRt *> ftn_routes() { return records<SRoute__CommRt>(6, kCommRt, "1"); }
+    std::vector<UMpls__UdpIlm *> fe_ilms() { return records<UMpls__UdpIlm>(10, kIlm); }
     ce_app_node_t *app_of(const ce_msg_comm_t &m) { return ce_app_node_db_get_entry(&m); }
     ce_app_db_t *db(uint32_t owner) { return ce_app_node_db_get_owner_db(owner); }
 
-    tq_mom_client_t *mom_ = nullptr;
     tq_global_t ctx_{};
-    std::vector<mom_mem_msg_ptr> held_;
-    std::string log_;
     uint32_t mem_base_ = 0;
 };
 

@@ -1,10 +1,10 @@
-// Add and delete of FTN, VC-FTN and ILM next hops, the global switches and id
-// recovery, checked on what lands in the MOM and in the databases.
+// Add and delete of FTN, VC-FTN and ILM next hops and the global switches,
+// checked on what lands in the MOM and in the databases.
 #include "app_fixture.h"
 
 namespace {
 using AppAddDelTest = AppTest;
-constexpr uint64_t kId1 = 1, kId2 = 2;
+using strs = std::vector<std::string>;
 
 std::vector<uint32_t> nh_ifxs(const std::vector<SRoute__CommRt *> &rts) {
     std::vector<uint32_t> out;
@@ -18,29 +18,21 @@ TEST_F(AppAddDelTest, FtnNextHopsShareOneInAdjUntilTheLastGoes) {
     ce_msg_comm_t m2 = ftn_msg(1, nh4(3, 10), CE_OP_PUSH, {100});
     ASSERT_EQ(0, ce_l3vpn_app_add(&m1));
     ASSERT_EQ(0, ce_l3vpn_app_add(&m2));
-
-    EXPECT_EQ(1u, ce_in_adj_db.tbl.count);
-    ASSERT_EQ(1u, uc(CE_RT_OWNER_FTN).size());
-    const SRoute__InSubAdj *adj = uc(CE_RT_OWNER_FTN)[0];
-    EXPECT_EQ(kId1, adj->index->mplsid);
-    EXPECT_EQ(255u, adj->ttl);
-    EXPECT_EQ(std::vector<uint32_t>{100}, labels_of(adj));
+    EXPECT_EQ(strs{"1|0|0|v4:127.0.0.1|1"}, keys(10, kAdj));  // owner|ifx|protocol|ip|mplsid
     EXPECT_EQ(1u, rows(CE_ERR_HW_FTN_IN_ADJ_ADD));
-
     std::vector<SRoute__CommRt *> rts = ftn_routes();
     EXPECT_EQ((std::vector<uint32_t>{9, 10}), nh_ifxs(rts));
-    for (const SRoute__CommRt *r : rts) EXPECT_EQ(kId1, r->index->mpls_id);
+    for (const SRoute__CommRt *r : rts) EXPECT_EQ(1u, r->index->mpls_id);
     EXPECT_EQ(4, live_nodes());  // app, two nhops, one in_adj
 
-    ce_msg_comm_t d1 = as_del(m1);
-    ASSERT_EQ(0, ce_l3vpn_app_del(&d1));
+    ce_msg_comm_t d = as_del(m1);
+    ASSERT_EQ(0, ce_l3vpn_app_del(&d));
     EXPECT_EQ(std::vector<uint32_t>{10}, nh_ifxs(ftn_routes()));
     EXPECT_EQ(1u, uc(CE_RT_OWNER_FTN).size());
-    EXPECT_EQ(0u, rows(CE_ERR_HW_FTN_IN_ADJ_DEL));
     EXPECT_EQ(3, live_nodes());
 
-    ce_msg_comm_t d2 = as_del(m2);
-    ASSERT_EQ(0, ce_l3vpn_app_del(&d2));
+    d = as_del(m2);
+    ASSERT_EQ(0, ce_l3vpn_app_del(&d));
     EXPECT_TRUE(ftn_routes().empty());
     EXPECT_TRUE(uc(CE_RT_OWNER_FTN).empty());
     EXPECT_EQ(1u, rows(CE_ERR_HW_FTN_IN_ADJ_DEL));
@@ -52,23 +44,22 @@ TEST_F(AppAddDelTest, FtnNextHopsShareOneInAdjUntilTheLastGoes) {
     EXPECT_TRUE(has(log, ": no ref, del app node "));
 }
 
-TEST_F(AppAddDelTest, SameLabelsOverTwoFamiliesGiveTwoInAdjs) {
+// The in_adj key is owner, family and labels: other prefixes share one, other
+// families and owners get their own, each with the next id.
+TEST_F(AppAddDelTest, InAdjPerOwnerFamilyAndLabels) {
     ce_msg_comm_t m4 = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
     ce_msg_comm_t m6 = ftn_msg(1, nh6(2, 9), CE_OP_PUSH, {100});
     m6.key = m4.key;  // one entry, two next hops
-    ASSERT_EQ(0, ce_l3vpn_app_add(&m4));
-    ASSERT_EQ(0, ce_l3vpn_app_add(&m6));
+    ce_msg_comm_t other_prefix = ftn_msg(2, nh4(3, 7), CE_OP_PUSH, {100});
+    ce_msg_comm_t ilm = ilm_msg(16, nh4(2, 9), CE_OP_SWAP, {100});
+    for (ce_msg_comm_t *m : {&m4, &m6, &other_prefix, &ilm}) ASSERT_EQ(0, ce_l3vpn_app_add(m));
     EXPECT_EQ(2u, app_of(m4)->nhop_num);
-    EXPECT_EQ(1u, ce_in_adj_db.v4_count);
+    EXPECT_EQ(3u, ftn_routes().size());
+    // The adjacency carries the local address of its family.
+    EXPECT_EQ((strs{"1|0|0|v4:127.0.0.1|1", "1|0|1|v6:::1|2", "7|0|0|v4:127.0.0.1|3"}), keys(10, kAdj));
+    EXPECT_EQ(2u, ce_in_adj_db.v4_count);
     EXPECT_EQ(1u, ce_in_adj_db.v6_count);
-    std::vector<SRoute__InSubAdj *> adjs = uc(CE_RT_OWNER_FTN);
-    ASSERT_EQ(2u, adjs.size());
-    for (const SRoute__InSubAdj *a : adjs) {
-        bool v6 = a->index->protocol == 1;
-        EXPECT_EQ(v6 ? kId2 : kId1, a->index->mplsid);
-        EXPECT_EQ(v6 ? P_LIBPUB__IP__ADDR_V6 : P_LIBPUB__IP__ADDR_V4, a->index->ip->addr_case);
-    }
-    EXPECT_EQ(2u, ftn_routes().size());
+    EXPECT_TRUE(has(take_log(), ": alloc mpls id high:0 low:3"));
 }
 
 TEST_F(AppAddDelTest, VcFtnLabelChangeRebindsToANewId) {
@@ -76,15 +67,11 @@ TEST_F(AppAddDelTest, VcFtnLabelChangeRebindsToANewId) {
     ce_msg_comm_t b = vc_ftn_msg(100, nh4(2, 9), {300});
     ASSERT_EQ(0, ce_l3vpn_app_add(&a));
     ASSERT_EQ(0, ce_l3vpn_app_add(&b));
-
     std::vector<SRoute__VirRt *> rts = vir_routes(CE_RT_OWNER_VC_FTN);
     ASSERT_EQ(1u, rts.size());
-    EXPECT_EQ(kId2, rts[0]->index->mpls_id);
-    std::vector<SRoute__InSubAdj *> adjs = uc(CE_RT_OWNER_VC_FTN);
-    ASSERT_EQ(1u, adjs.size());
-    EXPECT_EQ(kId2, adjs[0]->index->mplsid);
-    EXPECT_EQ(100u, adjs[0]->index->ifx);
-    EXPECT_EQ(std::vector<uint32_t>{300}, labels_of(adjs[0]));
+    EXPECT_EQ(2u, rts[0]->index->mpls_id);
+    EXPECT_EQ(strs{"8|100|0|v4:127.0.0.1|2"}, keys(10, kAdj));
+    EXPECT_EQ(std::vector<uint32_t>{300}, labels_of(uc(CE_RT_OWNER_VC_FTN)[0]));
     EXPECT_EQ(1u, rows(CE_ERR_HW_VC_FTN_IN_ADJ_DEL));
     EXPECT_EQ(1u, rows(CE_ERR_HW_VC_FTN_VIR_RT_DEL));
     EXPECT_EQ(3, live_nodes());  // the old in_adj is gone
@@ -109,7 +96,7 @@ TEST_F(AppAddDelTest, SecondOpcodeWaitsUntilTheFirstIsDeleted) {
     std::vector<SRoute__CommRt *> rts = ftn_routes();
     ASSERT_EQ(1u, rts.size());
     EXPECT_EQ(10u, rts[0]->index->nh_ifx);
-    EXPECT_EQ(kId2, rts[0]->index->mpls_id);
+    EXPECT_EQ(2u, rts[0]->index->mpls_id);
     std::string log = take_log();
     EXPECT_TRUE(has(log, ": wk nhop node, because opcode POP or change, first_opcode: 1"));
     EXPECT_TRUE(has(log, ": app node set new first_opcode: 3"));
@@ -124,13 +111,10 @@ TEST_P(IlmMultiActionTest, FeOnceAndEfByOpcodeMix) {
     ce_msg_comm_t swap = ilm_msg(0x12345, nh4(3, 10), CE_OP_SWAP, {500});
     ce_msg_comm_t push = ilm_msg(0x12345, nh4(4, 11), CE_OP_PUSH, {600});
     for (ce_msg_comm_t *m : {&pop, &swap, &push}) ASSERT_EQ(0, ce_l3vpn_app_add(m));
-
     EXPECT_EQ(1u, rows(CE_ERR_HW_ILM_ADD));
-    std::vector<UMpls__UdpIlm *> fe = fe_ilms();
-    ASSERT_EQ(1u, fe.size());
-    EXPECT_EQ(uint32_t(CE_OP_POP), fe[0]->opcode);
-    EXPECT_EQ(0x100000u, fe[0]->swap_label);
-    EXPECT_FALSE(fe[0]->ttl_copy);
+    ASSERT_EQ(1u, fe_ilms().size());
+    EXPECT_EQ(uint32_t(CE_OP_POP), fe_ilms()[0]->opcode);
+    EXPECT_EQ(0x100000u, fe_ilms()[0]->swap_label);
     // PUSH never mixes with POP; SWAP does when the ability is on.
     EXPECT_EQ(multi ? 2u : 1u, vir_routes(CE_RT_OWNER_ILM).size());
     EXPECT_TRUE(has(take_log(), ": nhop_num: 2, need not set ilm to FE_L3VPN"));
@@ -153,8 +137,7 @@ TEST_P(IlmMultiActionTest, FeOnceAndEfByOpcodeMix) {
     d = as_del(push);
     ASSERT_EQ(0, ce_l3vpn_app_del(&d));
     EXPECT_EQ(1u, rows(CE_ERR_HW_ILM_DEL));
-    EXPECT_TRUE(fe_ilms().empty());
-    EXPECT_TRUE(vir_routes(CE_RT_OWNER_ILM).empty());
+    EXPECT_TRUE(fe_ilms().empty() && vir_routes(CE_RT_OWNER_ILM).empty());
     EXPECT_TRUE(uc(CE_RT_OWNER_ILM).empty());
     EXPECT_EQ(0, live_nodes());
 }
@@ -165,28 +148,26 @@ TEST_F(AppAddDelTest, TtlCopyRewritesAdjacenciesAndIlmsOnlyOnChange) {
     ce_msg_comm_t ilm = ilm_msg(16, nh4(2, 9), CE_OP_SWAP, {500});
     ce_msg_comm_t vc = vc_ftn_msg(100, nh4(2, 9), {200});
     for (ce_msg_comm_t *m : {&ftn, &ilm, &vc}) ASSERT_EQ(0, ce_l3vpn_app_add(m));
-    const ProtobufCMessageDescriptor *ttl_desc = &u_mpls__udp_ttl_copy_enable__descriptor;
-
-    ASSERT_EQ(0, ce_l3vpn_app_ttl_copy_op(1));
-    EXPECT_EQ(0u, uc(CE_RT_OWNER_FTN)[0]->ttl);
-    EXPECT_EQ(0u, uc(CE_RT_OWNER_ILM)[0]->ttl);
-    EXPECT_EQ(255u, uc(CE_RT_OWNER_VC_FTN)[0]->ttl);
-    EXPECT_TRUE(fe_ilms()[0]->ttl_copy);
-    ASSERT_EQ(1u, records<UMpls__UdpTtlCopyEnable>(8, ttl_desc).size());
-    EXPECT_TRUE(records<UMpls__UdpTtlCopyEnable>(8, ttl_desc)[0]->enable);
+    // The TTL of the FTN, ILM and VC-FTN adjacencies, and FE's ILM flag.
+    auto ttls = [&] {
+        return std::vector<uint32_t>{uc(CE_RT_OWNER_FTN)[0]->ttl, uc(CE_RT_OWNER_ILM)[0]->ttl,
+                                     uc(CE_RT_OWNER_VC_FTN)[0]->ttl, uint32_t(fe_ilms()[0]->ttl_copy)};
+    };
+    const ProtobufCMessageDescriptor *sw = &u_mpls__udp_ttl_copy_enable__descriptor;
     const ce_l3vpn_err_code_t rewritten[] = {CE_ERR_HW_FTN_IN_ADJ_ADD, CE_ERR_HW_ILM_IN_ADJ_ADD,
                                              CE_ERR_HW_VC_FTN_IN_ADJ_ADD, CE_ERR_HW_ILM_ADD};
-    for (ce_l3vpn_err_code_t r : rewritten) EXPECT_EQ(2u, rows(r)) << r;
 
+    ASSERT_EQ(0, ce_l3vpn_app_ttl_copy_op(1));
+    EXPECT_EQ((std::vector<uint32_t>{0, 0, 255, 1}), ttls());  // VC-FTN keeps 255
+    ASSERT_NE(nullptr, get<UMpls__UdpTtlCopyEnable>(8, sw, ""));
+    EXPECT_TRUE(get<UMpls__UdpTtlCopyEnable>(8, sw, "")->enable);
     ASSERT_EQ(0, ce_l3vpn_app_ttl_copy_op(1));  // no change: only the switch record again
     for (ce_l3vpn_err_code_t r : rewritten) EXPECT_EQ(2u, rows(r)) << r;
     EXPECT_EQ(2u, rows(CE_ERR_HW_TTL_COPY_ENABLE));
 
     ASSERT_EQ(0, ce_l3vpn_app_ttl_copy_op(0));
-    EXPECT_EQ(255u, uc(CE_RT_OWNER_FTN)[0]->ttl);
-    EXPECT_EQ(255u, uc(CE_RT_OWNER_ILM)[0]->ttl);
-    EXPECT_FALSE(fe_ilms()[0]->ttl_copy);
-    EXPECT_TRUE(records<UMpls__UdpTtlCopyEnable>(8, ttl_desc).empty());
+    EXPECT_EQ((std::vector<uint32_t>{255, 255, 255, 0}), ttls());
+    EXPECT_EQ(nullptr, get<UMpls__UdpTtlCopyEnable>(8, sw, ""));
 
     ASSERT_EQ(0, ce_ttl_copy_enable_recover(1));
     EXPECT_TRUE(has(take_log(), ": recover ttl_copy to YES"));
@@ -197,15 +178,15 @@ TEST_F(AppAddDelTest, TtlCopyRewritesAdjacenciesAndIlmsOnlyOnChange) {
 }
 
 TEST_F(AppAddDelTest, MplsSwitchWrittenOnlyOnChange) {
-    const ProtobufCMessageDescriptor *desc = &u_mpls__udp_mpls_enable__descriptor;
+    const ProtobufCMessageDescriptor *sw = &u_mpls__udp_mpls_enable__descriptor;
     ASSERT_EQ(0, ce_l3vpn_app_mpls_enable_op(1));
     ASSERT_EQ(0, ce_l3vpn_app_mpls_enable_op(1));
     EXPECT_EQ(1u, rows(CE_ERR_HW_MPLS_ENABLE));
-    ASSERT_EQ(1u, records<UMpls__UdpMplsEnable>(8, desc).size());
+    EXPECT_NE(nullptr, get<UMpls__UdpMplsEnable>(8, sw, ""));
     ASSERT_EQ(0, ce_l3vpn_app_mpls_enable_op(0));
     ASSERT_EQ(0, ce_l3vpn_app_mpls_enable_op(0));
     EXPECT_EQ(1u, rows(CE_ERR_HW_MPLS_DISABLE));
-    EXPECT_TRUE(records<UMpls__UdpMplsEnable>(8, desc).empty());
+    EXPECT_EQ(nullptr, get<UMpls__UdpMplsEnable>(8, sw, ""));
 }
 
 TEST_F(AppAddDelTest, ZeroAddressOrInterfaceStaysOutOfEf) {
@@ -231,49 +212,44 @@ TEST_F(AppAddDelTest, CapacityFullCreatesNothing) {
     EXPECT_TRUE(has(take_log(), ": CAP  FULL"));
 }
 
-TEST_F(AppAddDelTest, DeleteOfUnknownEntryOrNextHopGives7) {
-    ce_msg_comm_t m = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
-    ce_msg_comm_t d = as_del(m);
+// A next hop is its address and interface, and its labels except for VC-FTN;
+// a delete that matches no entry or next hop gives 7.
+TEST_F(AppAddDelTest, DeleteFindsTheNextHopByItsIdentity) {
+    ce_msg_comm_t d = as_del(ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100}));
     EXPECT_EQ(7, ce_l3vpn_app_del(&d));
     EXPECT_EQ(1u, rows(CE_ERR_APP_NODE_NOT_FOUND));
-    ASSERT_EQ(0, ce_l3vpn_app_add(&m));
-    ce_msg_comm_t other = as_del(ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {101}));
-    EXPECT_EQ(7, ce_l3vpn_app_del(&other));
-    EXPECT_EQ(1u, rows(CE_ERR_NHOP_NODE_NOT_FOUND));
-    EXPECT_EQ(3, live_nodes());
+    const struct { ce_msg_comm_t m; int other_labels_rv; } cases[] = {
+        {ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100}), 7},
+        {ilm_msg(16, nh4(2, 9), CE_OP_SWAP, {100}), 7},
+        {vc_ftn_msg(100, nh4(2, 9), {100}), 0},
+    };
+    for (const auto &c : cases) {
+        ce_msg_comm_t m = c.m;
+        ASSERT_EQ(0, ce_l3vpn_app_add(&m));
+        d = as_del(m);
+        d.nhop.ifx = 8;
+        EXPECT_EQ(7, ce_l3vpn_app_del(&d)) << m.owner;
+        d = as_del(m);
+        d.data.labels[0] = 101;
+        EXPECT_EQ(c.other_labels_rv, ce_l3vpn_app_del(&d)) << m.owner;
+    }
+    EXPECT_EQ(5u, rows(CE_ERR_NHOP_NODE_NOT_FOUND));
+    EXPECT_EQ(6, live_nodes());  // the FTN and ILM entries stay
 }
 
 // ---- failures: every add that cannot finish leaves the state as it found it ------
 
-struct state_t {
-    uint32_t ftn_entries, vc_entries, in_adjs, nhops;
-    size_t ef, uc;
-    bool operator==(const state_t &) const = default;
-};
-
 struct fail_case_t {
     const char *name;
-    int pre;              // adds made before: 0 none, 1 the FTN entry, 2 the VC-FTN entry
-    bool vc;              // the failing add is the VC-FTN label change
-    unsigned mem_nth;     // node allocation to fail (0 none)
-    unsigned tbl_nth;     // keyed-table allocation to fail (0 none)
+    int pre;           // adds made before: 0 none, 1 the FTN entry, 2 the VC-FTN entry
+    bool vc;           // the failing add is the VC-FTN label change
+    unsigned mem_nth;  // node allocation to fail (0 none)
+    unsigned tbl_nth;  // keyed-table allocation to fail (0 none)
     ce_l3vpn_err_code_t row;
     const char *text;
 };
 
-class AddFailureTest : public AppTest, public ::testing::WithParamInterface<fail_case_t> {
-protected:
-    state_t state() {
-        uint32_t nhops = 0;
-        ce_app_node_db_walkthrough(CE_OWNER_FTN, [](ce_app_node_t *a, void *n) {
-            *static_cast<uint32_t *>(n) += a->nhop_num;
-            return 0;
-        }, &nhops);
-        return {db(CE_OWNER_FTN)->tbl.count, db(CE_OWNER_VC_FTN)->tbl.count,
-                ce_in_adj_db.tbl.count, nhops, mom_mem_keys(mom_, 6).size(),
-                mom_mem_keys(mom_, 10).size()};
-    }
-};
+class AddFailureTest : public AppTest, public ::testing::WithParamInterface<fail_case_t> {};
 
 TEST_P(AddFailureTest, RollsBack) {
     const fail_case_t &c = GetParam();
@@ -286,8 +262,15 @@ TEST_P(AddFailureTest, RollsBack) {
                            : ftn_msg(1, nh4(3, 10), CE_OP_PUSH, {101});
     ce_app_node_t *vc_app = c.vc ? app_of(vc) : nullptr;
     ce_in_adj_node_t *vc_adj = c.vc ? ce_app_node_oldest_nhop(vc_app)->in_adj : nullptr;
-    state_t before = state();
-    int32_t nodes = live_nodes();
+    // Entries, in_adjs, next hops of the earlier entry, and the records in EF and UC.
+    auto state = [&] {
+        return std::vector<size_t>{db(CE_OWNER_FTN)->tbl.count, db(CE_OWNER_VC_FTN)->tbl.count,
+                                   ce_in_adj_db.tbl.count,
+                                   c.pre == 0 ? 0u : app_of(c.pre == 1 ? first : vc)->nhop_num,
+                                   mom_mem_keys(mom_, 6).size(), mom_mem_keys(mom_, 10).size()};
+    };
+    const std::vector<size_t> before = state();
+    const int32_t nodes = live_nodes();
     take_log();
 
     ce_l3vpn_mem_fail_at(c.mem_nth);
@@ -307,19 +290,13 @@ INSTANTIATE_TEST_SUITE_P(
     NoMemory, AddFailureTest,
     ::testing::Values(
         fail_case_t{"AppNode", 0, false, 1, 0, CE_ERR_APP_DB_MALLOC, ": app node, no memory"},
-        fail_case_t{"NhopOfNewEntry", 0, false, 2, 0, CE_ERR_NHOP_NODE_ADD,
-                    ": nhop node, no memory"},
-        fail_case_t{"InAdjOfNewEntry", 0, false, 3, 0, CE_ERR_APP_DB_MALLOC,
-                    ": in_adj node, no memory"},
-        fail_case_t{"NhopOfOldEntry", 1, false, 1, 0, CE_ERR_NHOP_NODE_ADD,
-                    ": nhop node, no memory"},
-        fail_case_t{"InAdjOfOldEntry", 1, false, 2, 0, CE_ERR_APP_DB_MALLOC,
-                    ": in_adj node, no memory"},
-        fail_case_t{"InAdjOfOldNhop", 2, true, 1, 0, CE_ERR_APP_DB_MALLOC,
-                    ": in_adj node, no memory"},
+        fail_case_t{"NhopOfNewEntry", 0, false, 2, 0, CE_ERR_NHOP_NODE_ADD, ": nhop node, no memory"},
+        fail_case_t{"InAdjOfNewEntry", 0, false, 3, 0, CE_ERR_APP_DB_MALLOC, ": in_adj node, no memory"},
+        fail_case_t{"NhopOfOldEntry", 1, false, 1, 0, CE_ERR_NHOP_NODE_ADD, ": nhop node, no memory"},
+        fail_case_t{"InAdjOfOldEntry", 1, false, 2, 0, CE_ERR_APP_DB_MALLOC, ": in_adj node, no memory"},
+        fail_case_t{"InAdjOfOldNhop", 2, true, 1, 0, CE_ERR_APP_DB_MALLOC, ": in_adj node, no memory"},
         fail_case_t{"AppInsert", 0, false, 0, 1, CE_ERR_APP_NODE_ADD, ": add app entry fail"},
-        fail_case_t{"InAdjInsert", 0, false, 0, 3, CE_ERR_IN_ADJ_NODE_ADD,
-                    ": add in adj entry fail"},
+        fail_case_t{"InAdjInsert", 0, false, 0, 3, CE_ERR_IN_ADJ_NODE_ADD, ": add in adj entry fail"},
         fail_case_t{"InAdjInsertOldNhop", 2, true, 0, 1, CE_ERR_IN_ADJ_NODE_ADD,
                     ": add in adj entry fail"}),
     [](const ::testing::TestParamInfo<fail_case_t> &i) { return std::string(i.param.name); });

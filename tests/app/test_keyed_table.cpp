@@ -1,7 +1,7 @@
 // The keyed table: lookup2 hash, bucket sizing, insertion order, removal.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -39,22 +39,18 @@ TEST(KeyedTableHash, MatchesLookup2Values) {
 bool same_bucket = false;
 std::vector<int> not_found_keys;
 
-uint32_t int_hash(const keyed_tbl_t *tbl, const void *e) {
-    return same_bucket ? 0 : keyed_tbl_jhash(e, sizeof(int), tbl->maxsize);
-}
-int int_cmp(const void *a, const void *b) {
-    return *static_cast<const int *>(a) == *static_cast<const int *>(b) ? 0 : 1;
-}
-void int_not_found(const void *k) { not_found_keys.push_back(*static_cast<const int *>(k)); }
-
 class KeyedTableTest : public ::testing::Test {
 protected:
     void SetUp() override {
         same_bucket = false;
         not_found_keys.clear();
-        tbl_.hash = int_hash;
-        tbl_.cmp = int_cmp;
-        tbl_.not_found = int_not_found;
+        tbl_.hash = [](const keyed_tbl_t *t, const void *e) {
+            return same_bucket ? 0 : keyed_tbl_jhash(e, sizeof(int), t->maxsize);
+        };
+        tbl_.cmp = [](const void *a, const void *b) {
+            return *static_cast<const int *>(a) == *static_cast<const int *>(b) ? 0 : 1;
+        };
+        tbl_.not_found = [](const void *k) { not_found_keys.push_back(*static_cast<const int *>(k)); };
     }
     void TearDown() override {
         keyed_tbl_fail_alloc_at(0);
@@ -82,7 +78,7 @@ TEST_F(KeyedTableTest, BucketCountFromMaxsize) {
     }
 }
 
-TEST_F(KeyedTableTest, CreateAndNameFailures) {
+TEST_F(KeyedTableTest, FailuresLeaveTheTableUnchanged) {
     EXPECT_EQ(-4, keyed_tbl_create(nullptr, 0, 0));
     EXPECT_EQ(-4, keyed_tbl_set_name(nullptr, "x"));
     keyed_tbl_fail_alloc_at(1);
@@ -90,67 +86,49 @@ TEST_F(KeyedTableTest, CreateAndNameFailures) {
     EXPECT_EQ(nullptr, tbl_.buckets);
     ASSERT_EQ(0, keyed_tbl_set_name(&tbl_, std::string(40, 'x').c_str()));
     EXPECT_EQ(std::string(31, 'x'), tbl_.name);  // cut to 31 characters
-}
 
-TEST_F(KeyedTableTest, WalkIsNewestFirstAndStopsOnNonZero) {
-    ASSERT_EQ(0, keyed_tbl_create(&tbl_, 0, 3));
-    EXPECT_EQ(std::vector<int>{}, walk_order());
-    for (int &v : v_) ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v));
-    EXPECT_EQ((std::vector<int>{50, 40, 30, 20, 10}), walk_order());
-    EXPECT_EQ(5u, tbl_.count);
-    int seen = 0;
-    EXPECT_EQ(7, keyed_tbl_walk(&tbl_, [](void *e, void *arg) {
-        ++*static_cast<int *>(arg);
-        return *static_cast<int *>(e) == 40 ? 7 : 0;
-    }, &seen));
-    EXPECT_EQ(2, seen);
-}
-
-TEST_F(KeyedTableTest, LookupAndRemoveInOneCrowdedBucket) {
-    same_bucket = true;
-    ASSERT_EQ(0, keyed_tbl_create(&tbl_, 0, 3));
-    for (int &v : v_) ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v));
-    EXPECT_EQ(5, tbl_.bucket_cnt[0]);
-    int k = 30;
-    EXPECT_EQ(&v_[2], keyed_tbl_lookup(&tbl_, &k));
-    EXPECT_EQ(&v_[2], keyed_tbl_remove(&tbl_, &k));
-    EXPECT_EQ(nullptr, keyed_tbl_lookup(&tbl_, &k));
-    EXPECT_EQ(4, tbl_.bucket_cnt[0]);
-    EXPECT_EQ(4u, tbl_.count);
-    EXPECT_EQ((std::vector<int>{50, 40, 20, 10}), walk_order());
-    EXPECT_TRUE(not_found_keys.empty());
-
-    EXPECT_EQ(nullptr, keyed_tbl_remove(&tbl_, &k));
-    EXPECT_EQ(std::vector<int>{30}, not_found_keys);
-    EXPECT_EQ(4u, tbl_.count);
-    for (int key : {10, 50}) EXPECT_NE(nullptr, keyed_tbl_remove(&tbl_, &key));
-    EXPECT_EQ((std::vector<int>{40, 20}), walk_order());
-}
-
-TEST_F(KeyedTableTest, InsertFailuresLeaveTableUnchanged) {
     ASSERT_EQ(0, keyed_tbl_create(&tbl_, 0, 3));
     keyed_tbl_fail_alloc_at(1);
     EXPECT_EQ(-2, keyed_tbl_insert(&tbl_, &v_[0]));
     keyed_tbl_fail_alloc_at(2);
     EXPECT_EQ(-12, keyed_tbl_insert(&tbl_, &v_[0]));
-    EXPECT_EQ(0u, tbl_.count);
-    EXPECT_EQ(0u, tbl_.total);
+    EXPECT_EQ(0u, tbl_.count + tbl_.total);
     EXPECT_EQ(nullptr, keyed_tbl_lookup(&tbl_, &v_[0]));
 }
 
-TEST_F(KeyedTableTest, CrowdedBucketWarnsOnStdoutOnlyWithThreshold) {
+// One bucket holds every entry; the walk follows the insertion order regardless.
+TEST_F(KeyedTableTest, CrowdedBucketWarnsWalksNewestFirstAndRemovesAnywhere) {
     same_bucket = true;
     ASSERT_EQ(0, keyed_tbl_create(&tbl_, 0, 3));
+    EXPECT_EQ(std::vector<int>{}, walk_order());
     testing::internal::CaptureStdout();
-    ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[0]));
-    ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[1]));
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
-
-    tbl_.warn_threshold = 2;
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[i]));
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());  // threshold 0: off
+    tbl_.warn_threshold = 4;
     testing::internal::CaptureStdout();
-    ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[2]));
+    ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[4]));
     char want[128];
-    snprintf(want, sizeof want, "hash :%p bucket[0] warning 2 cur:3 \n", static_cast<void *>(&tbl_));
+    snprintf(want, sizeof want, "hash :%p bucket[0] warning 4 cur:5 \n", static_cast<void *>(&tbl_));
     EXPECT_EQ(want, testing::internal::GetCapturedStdout());
+    EXPECT_EQ((std::vector<int>{50, 40, 30, 20, 10}), walk_order());
+    int seen = 0;
+    EXPECT_EQ(7, keyed_tbl_walk(&tbl_, [](void *e, void *arg) {
+        ++*static_cast<int *>(arg);
+        return *static_cast<int *>(e) == 40 ? 7 : 0;
+    }, &seen));
+    EXPECT_EQ(2, seen);  // stopped at the first non-zero
+
+    int k = 30;
+    EXPECT_EQ(&v_[2], keyed_tbl_lookup(&tbl_, &k));
+    EXPECT_EQ(&v_[2], keyed_tbl_remove(&tbl_, &k));
+    EXPECT_EQ(nullptr, keyed_tbl_lookup(&tbl_, &k));
+    EXPECT_EQ(4, tbl_.bucket_cnt[0]);
+    EXPECT_TRUE(not_found_keys.empty());
+    EXPECT_EQ(nullptr, keyed_tbl_remove(&tbl_, &k));
+    EXPECT_EQ(std::vector<int>{30}, not_found_keys);
+    // Both ends of the chain and of the ordered list.
+    for (int key : {10, 50}) EXPECT_NE(nullptr, keyed_tbl_remove(&tbl_, &key));
+    EXPECT_EQ((std::vector<int>{40, 20}), walk_order());
+    EXPECT_EQ(2u, tbl_.count);
 }
 }  // namespace

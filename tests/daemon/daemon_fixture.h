@@ -2,47 +2,48 @@
 // start-up chain up to the first data sync, torn down again afterwards.
 #pragma once
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
+#include <event2/event.h>
 
-#include <cstdio>
-#include <cstring>
-#include <initializer_list>
-#include <string>
-#include <vector>
+#include <cstdlib>
+#include <filesystem>
 
-#include "app/proc/ce_l3vpn_app.h"
-#include "app/proc/ce_l3vpn_cap.h"
+#include "app/app_fixture.h"
 #include "app/proc/ce_l3vpn_cnt.h"
-#include "app/proc/ce_l3vpn_err.h"
 #include "app/proc/ce_l3vpn_main.h"
 #include "app/proc/ce_l3vpn_msg_op.h"
-#include "app/proc/ce_l3vpn_syslog.h"
-#include "app/proc/ce_l3vpn_tbl.h"
 #include "app/proc/ce_l3vpn_wake.h"
 #include "p_intf.pb-c.h"
 #include "p_mpls.pb-c.h"
 #include "platform/cap/libs_cap_mem.h"
 #include "platform/cgst/libcgstctrl.h"
+#include "platform/mom/tq_mom_name.h"
 #include "platform/ssat/ssat.h"
 #include "s_mpls.pb-c.h"
-#include "s_route.pb-c.h"
-#include "support/mom_mem.h"
-#include "u_mpls.pb-c.h"
 
 constexpr const char *kModule = "udp-mpls-l3vpn";
 
-// The process context: an event loop (timers, debug socket) around the
-// in-memory MOM, and a private root for the debug socket.
-struct daemon_env_t {
-    tq_mom_client_t *mom = nullptr;
-    void *ctx = nullptr;
-    std::string root;
-};
-daemon_env_t &daemon_env();
+// The process context, one for the whole run: an event loop (timers, debug
+// socket) around the in-memory MOM, the socket under a private root.
+inline void *g_ctx = nullptr;
+inline tq_mom_client_t *g_mom = nullptr;
 
-// An MPLS id {high, low}, and as a key text shows it.
-inline uint64_t mpls_id(uint32_t high, uint32_t low) { return (uint64_t{high} << 32) | low; }
-inline std::string id_text(uint32_t high, uint32_t low) { return std::to_string(mpls_id(high, low)); }
+class DaemonEnv : public ::testing::Environment {
+public:
+    void SetUp() override {
+        ASSERT_NE(mkdtemp(root_), nullptr);
+        setenv("L3VPN_ROOT", root_, 1);
+        g_mom = mom_mem_new();
+        g_ctx = tq_global_init_on(kModule, event_base_new(), g_mom);
+    }
+    void TearDown() override {
+        tq_global_finish(g_ctx);  // frees the MOM client and the loop
+        std::filesystem::remove_all(root_);
+        unsetenv("L3VPN_ROOT");
+    }
+    char root_[32] = "/tmp/l3vpn-daemon-XXXXXX";
+};
+// An inline variable: registered once, whichever test files include this.
+inline ::testing::Environment *const g_daemon_env = ::testing::AddGlobalTestEnvironment(new DaemonEnv);
 
 // ---- wire records, built in place (they point into themselves) ----------------
 
@@ -52,10 +53,14 @@ struct wire_ip_t {
     PLibpub__Ip ip = P_LIBPUB__IP__INIT;
     uint8_t bytes[16] = {};
     explicit wire_ip_t(const char *text) {
-        if (strchr(text, ':') != nullptr)
-            inet_pton(AF_INET6, text, bytes), v6.data = {16, bytes}, ip.addr_case = P_LIBPUB__IP__ADDR_V6, ip.v6 = &v6;
-        else
-            inet_pton(AF_INET, text, &v4.data), ip.addr_case = P_LIBPUB__IP__ADDR_V4, ip.v4 = &v4;
+        if (strchr(text, ':') == nullptr) {
+            inet_pton(AF_INET, text, &v4.data);
+            ip.addr_case = P_LIBPUB__IP__ADDR_V4, ip.v4 = &v4;
+        } else {
+            inet_pton(AF_INET6, text, bytes);
+            v6.data = {16, bytes};
+            ip.addr_case = P_LIBPUB__IP__ADDR_V6, ip.v6 = &v6;
+        }
     }
     wire_ip_t(const wire_ip_t &) = delete;
 };
@@ -106,66 +111,66 @@ struct vc_ftn_w {
     }
 };
 
-// An inner adjacency as an earlier run left it in UC.
-struct adj_w {
-    wire_ip_t ip{"127.0.0.1"};
-    uint32_t labels[1];
-    SRoute__InSubAdjKey idx = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
-    SRoute__InSubAdj msg = S_ROUTE__IN_SUB_ADJ__INIT;
-    adj_w(uint32_t rt_owner, uint64_t id, int op, uint32_t label) : labels{label} {
-        idx.t_rt_owner = rt_owner, idx.ip = &ip.ip, idx.mplsid = id;
-        msg.index = &idx, msg.opcode = op, msg.n_labels = 1, msg.labels = labels;
-    }
-};
-
 // ---- the fixture ------------------------------------------------------------------
 
-class DaemonTest : public ::testing::Test {
+class DaemonTest : public L3vpnTest {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        mom_ = g_mom;
+        start_log();
+        ce_l3vpn_global = g_ctx;
+        ce_l3_table_init(g_ctx);
+        libs_cap_mem_install();
+        ce_l3vpn_cap_subscribed = false;
+        if (!up_) return;
+        wake();
+        ready();
+        clear_rows();
+        take_log();
+    }
+    void TearDown() override {
+        stop_log();
+        held_.clear();
+        tq_thread_cancel_timer(&ce_l3vpn_cnt_timer);
+        ssat_lib_reset();
+        libs_cap_reset();
+        libcgstctrl_reset();
+        ce_l3vpn_syslog_reset();
+        ce_l3vpn_app_reset();
+        ce_l3vpn_cnt_maps_free();
+        ce_l3vpn_wake_reset();
+        ss_rt_tbl_reset_for_test();
+        mom_mem_clear(mom_);
+        clear_rows();
+        ce_l3vpn_global = nullptr;
+    }
+    // Redundancy wake-up -> connections -> database-ready set-up.
+    void wake() {
+        ASSERT_EQ(0, ce_l3vpn_rdnd_awake_cb(tq_global_master(g_ctx)));
+        dispatch();
+        ASSERT_TRUE(ce_l3vpn_db_ready.connected);
+    }
+    // Capability ready -> subscriptions -> end markers -> data sync.
+    void ready() {
+        libs_cap_mem_fire_event(LIBS_CAP_EVT_GLOBAL_READY);
+        dispatch();
+        ASSERT_TRUE(ce_l3vpn_cap_subscribed);
+    }
 
-    // Start-up chain, in steps.
-    void boot();   // tables, capability store
-    void wake();   // redundancy wake-up -> connections -> database-ready set-up
-    void ready();  // capability ready -> subscriptions -> end markers -> data sync
-
-    tq_mom_client_t *mom() const { return daemon_env().mom; }
-    void *ctx() const { return daemon_env().ctx; }
-    int dispatch() { return mom_mem_dispatch_all(mom()); }
+    int dispatch() { return mom_mem_dispatch_all(mom_); }
     // Writes or deletes an input record and lets the daemon see it.
-    void put(uint32_t db, const ProtobufCMessage *m) { ASSERT_EQ(0, tq_mom_set_sync(ctx(), db, m)); dispatch(); }
-    void drop(uint32_t db, const ProtobufCMessage *m) { ASSERT_EQ(0, tq_mom_del_sync(ctx(), db, m)); dispatch(); }
-    // A record read back by its key text (null if absent); kept alive by the fixture.
-    template <typename T>
-    T *get(uint32_t db, const ProtobufCMessageDescriptor *d, const std::string &key) {
-        held_.push_back(mom_mem_get(mom(), db, d, key));
-        return reinterpret_cast<T *>(held_.back().get());
-    }
-    // Key texts of a table's records, optionally of one route owner (the
-    // first key field): every key field, in field order.
-    std::vector<std::string> keys(uint32_t db, const ProtobufCMessageDescriptor *d,
-                                  const std::string &owner = "") {
-        std::vector<std::string> out;
-        const std::string prefix = std::string(d->name) + "|" + (owner.empty() ? "" : owner + "|");
-        for (const std::string &k : mom_mem_keys(mom(), db))
-            if (k.rfind(prefix, 0) == 0) out.push_back(k.substr(strlen(d->name) + 1));
-        return out;
-    }
-    uint32_t rows(ce_l3vpn_err_code_t c) const { return ce_l3vpn_err_tbl[c].count; }
-    static void clear_rows() {
-        for (ce_l3vpn_err_row_t &r : ce_l3vpn_err_tbl) r.count = r.history = r.line = 0;
-    }
+    void put(uint32_t db, const ProtobufCMessage *m) { ASSERT_EQ(0, tq_mom_set_sync(g_ctx, db, m)); dispatch(); }
+    void drop(uint32_t db, const ProtobufCMessage *m) { ASSERT_EQ(0, tq_mom_del_sync(g_ctx, db, m)); dispatch(); }
     uint32_t entries(uint32_t owner) const { return ce_app_node_db_get_owner_db(owner)->tbl.count; }
-    // Everything logged since the last call.
-    std::string take_log() {
-        std::string out = testing::internal::GetCapturedStderr();
-        testing::internal::CaptureStderr();
-        return out;
+    // A record with only its key set, from its key text; kept alive by the fixture.
+    template <typename T>
+    T *keyed(const ProtobufCMessageDescriptor *d, const std::string &key) {
+        held_.emplace_back(tq_mom_item_from_key(d, std::string(d->name) + "|" + key));
+        EXPECT_NE(nullptr, held_.back()) << key;
+        return reinterpret_cast<T *>(held_.back().get());
     }
 
     bool up_ = true;  // run the whole start-up chain in SetUp
-    std::vector<mom_mem_msg_ptr> held_;
 };
 
 // The tables exist, nothing has woken up yet.
@@ -173,16 +178,3 @@ class DaemonColdTest : public DaemonTest {
 protected:
     DaemonColdTest() { up_ = false; }
 };
-
-inline ::testing::AssertionResult has(const std::string &text, const std::string &part) {
-    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
-}
-
-// printf into a std::string (the expected texts of the debug commands).
-template <typename... A>
-std::string fmt(const char *f, A... a) {
-    char buf[512];
-    snprintf(buf, sizeof buf, f, a...);
-    return buf;
-}

@@ -1,8 +1,7 @@
 // Redundancy wake-up and reconnection, and the debug commands over the socket.
-#include <event2/event.h>
-
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <thread>
 
 #include "daemon/daemon_fixture.h"
@@ -10,15 +9,15 @@
 namespace {
 
 TEST_F(DaemonColdTest, ReadySetUpRunsOnceWhenAllFourDatabasesReport) {
-    ASSERT_EQ(0, ce_l3vpn_rdnd_awake_cb(tq_global_master(ctx())));  // completions stay queued
+    ASSERT_EQ(0, ce_l3vpn_rdnd_awake_cb(tq_global_master(g_ctx)));  // completions stay queued
     std::string out;
     for (uint32_t db : {4u, 6u, 8u, 6u}) {
-        mom_mem_conn_back(mom(), db);
+        mom_mem_conn_back(mom_, db);
         EXPECT_FALSE(ce_l3vpn_db_ready.connected) << db;
         EXPECT_EQ(nullptr, ce_l3vpn_cnt_timer);
         EXPECT_EQ(-1, ssat_run_local(kModule, "get-mem_cnt", out));  // no commands yet
     }
-    mom_mem_conn_back(mom(), 10);
+    mom_mem_conn_back(mom_, 10);
     ASSERT_TRUE(ce_l3vpn_db_ready.connected);
     EXPECT_NE(nullptr, ce_l3vpn_cnt_timer);
     EXPECT_EQ(0, ssat_run_local(kModule, "get-mem_cnt", out));
@@ -30,7 +29,7 @@ TEST_F(DaemonColdTest, ReadySetUpRunsOnceWhenAllFourDatabasesReport) {
     ASSERT_EQ(0, ce_l3_ilm_add(&ilm.msg, nullptr));
     const tq_timer_t *timer = ce_l3vpn_cnt_timer;
 
-    for (uint32_t db : {10u, 4u}) mom_mem_conn_back(mom(), db);  // repeated reports
+    for (uint32_t db : {10u, 4u}) mom_mem_conn_back(mom_, db);  // repeated reports
     dispatch();  // and the connection completions
     EXPECT_EQ(13, ce_l3vpn_reconnect(5));
     EXPECT_EQ(0, ce_l3vpn_connect_cb());
@@ -43,6 +42,14 @@ TEST_F(DaemonColdTest, ReadySetUpRunsOnceWhenAllFourDatabasesReport) {
 
 // ---- debug commands ------------------------------------------------------------
 
+// printf into a std::string: the expected texts of the commands.
+template <typename... A>
+std::string fmt(const char *f, A... a) {
+    char buf[512];
+    snprintf(buf, sizeof buf, f, a...);
+    return buf;
+}
+
 class DbgTest : public DaemonTest {
 protected:
     // One request over the daemon's socket, its loop turned meanwhile.
@@ -51,10 +58,9 @@ protected:
         int rc = 1;
         std::atomic<bool> done{false};
         std::thread client([&] { rc = ssat_client_request(kModule, line, out, 10000), done = true; });
-        auto *base = tq_global_master(ctx());
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (!done && std::chrono::steady_clock::now() < end) {
-            event_base_loop(base, EVLOOP_NONBLOCK);
+            event_base_loop(tq_global_master(g_ctx), EVLOOP_NONBLOCK);
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         client.join();
@@ -66,13 +72,6 @@ protected:
         const char *names[] = {"ERROR", "WARN", "NOTICE", "INFO", "DEBUG"};
         for (int i = 1; i <= 5; ++i) s += fmt("\t%d for %10s \n", i, names[i - 1]);
         return s + fmt("\t\n Current zlog debug level is: %d \n", level);
-    }
-    static std::string row(const char *name, int count, int history, int line, const char *lvl) {
-        return fmt("%-20s %8d %8d %8d %8d %8d %8s\n", name, count, history, 0, 0, line, lvl);
-    }
-    static std::string red_row(const char *name, int count, int history, int line) {
-        return fmt("\033[1;31m\n[ERROR]\n%20s %8d %8d %8d %8d %8d %8s\n\033[0m", name, count, history,
-                   0, 0, line, "ERROR");
     }
 };
 
@@ -91,6 +90,13 @@ TEST_F(DbgTest, ShowInfoCleanMovesCountsIntoHistory) {
     put(6, &bad.msg.base);
     const int ftn_line = ce_l3vpn_err_tbl[CE_ERR_FTN_ADD].line;
     const int rv_line = ce_l3vpn_err_tbl[CE_ERR_APP_GET_RV].line;
+    auto row = [](const char *name, int count, int history, int line, const char *lvl) {
+        return fmt("%-20s %8d %8d %8d %8d %8d %8s\n", name, count, history, 0, 0, line, lvl);
+    };
+    auto red_row = [](const char *name, int count, int history, int line) {
+        return fmt("\033[1;31m\n[ERROR]\n%20s %8d %8d %8d %8d %8d %8s\n\033[0m", name, count, history,
+                   0, 0, line, "ERROR");
+    };
     const std::string sep = "\n" + std::string(87, '-');
     const std::string head = fmt("\n%20s %8s %8s %8s %8s %8s %8s\n", "name", "count", "history",
                                  "data1", "data2", "line", "level");
@@ -126,7 +132,7 @@ TEST_F(DbgTest, AddIlmTestChecksLabelNumberThenAdds) {
 
     EXPECT_EQ("", cmd("add-ilm-test " + args + "LabelNum:1 lab1:200 lab2:0 lab3:0"));
     EXPECT_EQ(1u, rows(CE_ERR_ILM_ADD));
-    auto *fe = get<UMpls__UdpIlm>(10, &u_mpls__udp_ilm__descriptor, "100");
+    auto *fe = get<UMpls__UdpIlm>(10, kIlm, "100");
     ASSERT_NE(fe, nullptr);
     EXPECT_EQ(200u, fe->swap_label);
     const std::string out = cmd("get-ilm in_label:100");
