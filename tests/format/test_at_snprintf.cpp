@@ -42,14 +42,12 @@ void same_as_libc(const char *fmt, T... args)
     check(std::string(want, static_cast<size_t>(n)), fmt, args...);
 }
 
+// Every format with every value.
 template <typename V, size_t NF, size_t NV>
 void cross(const char *const (&fmts)[NF], const V (&vals)[NV])
 {
     for (const char *f : fmts)
-        for (V v : vals) {
-            SCOPED_TRACE(testing::Message() << "value " << v);
-            same_as_libc(f, v);
-        }
+        for (V v : vals) same_as_libc(f, v);
 }
 
 TEST(AtSnprintf, StandardConversionsMatchLibc)
@@ -71,8 +69,6 @@ TEST(AtSnprintf, StandardConversionsMatchLibc)
     const char unterminated[3] = {'a', 'b', 'c'};  // precision must stop the read
     check("ab", "%.2s", unterminated);
     same_as_libc("%*d|%-*d|%.*d|%*.*s|", -5, 42, 6, -1, -1, 42, 8, 2, "hello");
-    same_as_libc("id=%d name=%s hex=%#x ptr=%p ch=%c %% end", 17, "vrf-a", 0xbeefu,
-                 reinterpret_cast<void *>(0xdead), 'z');
 }
 
 TEST(AtSnprintf, UnknownConversionsAreCopiedAndTakeNoArgument)
@@ -84,30 +80,22 @@ TEST(AtSnprintf, UnknownConversionsAreCopiedAndTakeNoArgument)
     check("tail %-3", "tail %-3", 0);
 }
 
-uint32_t ipv4_mem(unsigned char a, unsigned char b, unsigned char c, unsigned char d)
-{
-    const unsigned char bytes[4] = {a, b, c, d};
-    uint32_t v;
-    memcpy(&v, bytes, sizeof v);
-    return v;
-}
-
+// %a reads the bytes in memory order: htonl puts 0xc0a80114 there as 192.168.1.20.
 TEST(AtSnprintf, Ipv4KeepsLeadingZerosInMemoryOrder)
 {
-    check("010.000.000.001", "%a", htonl(0x0a000001));
     struct { const char *fmt; uint32_t v; const char *want; } rows[] = {
-        {"%a", ipv4_mem(0, 0, 0, 0), "000.000.000.000"},
-        {"%a", ipv4_mem(255, 255, 255, 255), "255.255.255.255"},
-        {"%a", ipv4_mem(1, 20, 199, 9), "001.020.199.009"},
-        {"%20a|", ipv4_mem(192, 168, 1, 20), "     192.168.001.020|"},
-        {"%-20a|", ipv4_mem(192, 168, 1, 20), "192.168.001.020     |"},
-        {"%.7a", ipv4_mem(192, 168, 1, 20), "192.168"},
-        {"%10.3a|", ipv4_mem(192, 168, 1, 20), "       192|"},
-        {"%la %hha", ipv4_mem(1, 2, 3, 4), "001.002.003.004 001.002.003.004"},
+        {"%a", htonl(0x0a000001), "010.000.000.001"},
+        {"%a", 0, "000.000.000.000"},
+        {"%a", 0xffffffff, "255.255.255.255"},
+        {"%20a|", htonl(0xc0a80114), "     192.168.001.020|"},
+        {"%-20a|", htonl(0xc0a80114), "192.168.001.020     |"},
+        {"%.7a", htonl(0xc0a80114), "192.168"},
+        {"%10.3a|", htonl(0xc0a80114), "       192|"},
+        {"%la %hha", htonl(0x01020304), "001.002.003.004 001.002.003.004"},
     };
     for (auto &r : rows)
         check(r.want, r.fmt, r.v, r.v);  // the second copy feeds formats with two
-    check("[009.008.007.006] -5", "[%a] %d", ipv4_mem(9, 8, 7, 6), -5);
+    check("[009.008.007.006] -5", "[%a] %d", htonl(0x09080706), -5);
 }
 
 void same_as_ntop(const unsigned char *addr)
@@ -124,23 +112,21 @@ TEST(AtSnprintf, Ipv6MatchesInetNtop)
                           "::ffff:0:0", "::ffff:0.0.0.1", "::1.2.3.4", "::1:0:0", "64:ff9b::1.2.3.4"}) {
         unsigned char a[16];
         ASSERT_EQ(inet_pton(AF_INET6, t, a), 1) << t;
-        SCOPED_TRACE(t);
         same_as_ntop(a);
     }
     // Every pattern of zero groups, with an ordinary and a ffff group 5.
     std::mt19937 rng(20240601);
-    for (unsigned mask = 0; mask < 256; ++mask)
-        for (int mapped = 0; mapped < 2; ++mapped) {
-            unsigned char a[16];
-            for (int g = 0; g < 8; ++g) {
-                unsigned w = (mask >> g & 1) ? 0 : 1 + rng() % 0xffff;
-                if (mapped && g == 5) w = 0xffff;
-                a[2 * g] = static_cast<unsigned char>(w >> 8);
-                a[2 * g + 1] = static_cast<unsigned char>(w);
-            }
-            SCOPED_TRACE(testing::Message() << "mask " << mask << " mapped " << mapped);
-            same_as_ntop(a);
+    for (unsigned mask = 0; mask < 512; ++mask) {
+        unsigned char a[16];
+        for (int g = 0; g < 8; ++g) {
+            unsigned w = (mask >> g & 1) ? 0 : 1 + rng() % 0xffff;
+            if (mask >= 256 && g == 5) w = 0xffff;
+            a[2 * g] = static_cast<unsigned char>(w >> 8);
+            a[2 * g + 1] = static_cast<unsigned char>(w);
         }
+        SCOPED_TRACE(testing::Message() << "mask " << mask);
+        same_as_ntop(a);
+    }
 }
 
 TEST(AtSnprintf, Ipv6TextAndLayout)
@@ -158,8 +144,7 @@ TEST(AtSnprintf, Ipv6TextAndLayout)
     check("::ffff:10.0.0.1     |", "%-20v|", mapped);
     check("  ::ff|", "%6.4v|", mapped);
     check("  (null)|", "%8v|", static_cast<const unsigned char *>(nullptr));
-    check("at 010.000.000.001 via ::ffff:10.0.0.1 x", "at %a via %v %s", ipv4_mem(10, 0, 0, 1),
-          mapped, "x");
+    check("at 010.000.000.001 via ::ffff:10.0.0.1 x", "at %a via %v %s", htonl(0x0a000001), mapped, "x");
 }
 
 } // namespace

@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
-#include "app/proc/ce_l3vpn_err.h"
+#include "foundation/zlog_capture.h"
 #include "platform/zlog/tq_zlog.h"
 #include "route_table/ss_rt_tbl.h"
 
@@ -62,49 +61,21 @@ TEST(ErrTable, EveryRowNameAndLevel) {
     }
 }
 
-TEST(ErrTable, SameNamesAreSeparateRows) {
-    for (auto [a, b] : {std::pair{32, 38}, {1, 59}, {11, 86}, {12, 87}}) {
-        uint32_t before_a = ce_l3vpn_err_tbl[a].count, before_b = ce_l3vpn_err_tbl[b].count;
-        int line = __LINE__; CE_L3VPN_ERR_REC(b);
-        EXPECT_EQ(ce_l3vpn_err_tbl[a].count, before_a) << a;
-        EXPECT_EQ(ce_l3vpn_err_tbl[b].count, before_b + 1) << b;
-        EXPECT_EQ(ce_l3vpn_err_tbl[b].line, uint32_t(line)) << b;
-    }
+// What zlog wrote to standard error while f ran at the given level.
+template <typename F>
+std::string zlog_at(int level, F f) {
+    static const uint64_t handle = tq_zlog_init("found", nullptr);
+    ce_l3vpn_zlog_handle = handle;
+    ce_l3vpn_set_dbg_level(level);
+    testing::internal::CaptureStderr();
+    f();
+    return testing::internal::GetCapturedStderr();
 }
 
 int g_formatted = 0;
 int formatted() { return ++g_formatted; }
 
-::testing::AssertionResult has(const std::string &text, const std::string &part) {
-    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
-}
-
-// Keeps the level, the handle and the table level of a test to itself.
-class LogTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ce_l3vpn_zlog_handle = tq_zlog_init("found", nullptr);
-        g_formatted = 0;
-    }
-    void TearDown() override {
-        ce_l3vpn_dbg_level = level_;
-        ce_l3vpn_zlog_handle = handle_;
-        ss_rt_tbl_ctl.dbg_level = tbl_level_;
-    }
-    // What zlog wrote to standard error while f ran.
-    template <typename F>
-    static std::string zlog_of(F f) {
-        testing::internal::CaptureStderr();
-        f();
-        return testing::internal::GetCapturedStderr();
-    }
-    int32_t level_ = ce_l3vpn_dbg_level;
-    uint64_t handle_ = ce_l3vpn_zlog_handle;
-    int32_t tbl_level_ = ss_rt_tbl_ctl.dbg_level;
-};
-
-TEST_F(LogTest, ThresholdsAndPriorities) {
+TEST(Log, ThresholdsAndPriorities) {
     struct {
         int level, threshold, prio;
         const char *word;
@@ -113,132 +84,111 @@ TEST_F(LogTest, ThresholdsAndPriorities) {
     for (const auto &c : cases) {
         EXPECT_EQ(ce_l3vpn_log_prio(c.level), c.prio) << c.word;
         g_formatted = 0;
-        ce_l3vpn_set_dbg_level(c.threshold - 1);
-        EXPECT_EQ(zlog_of([&] { CE_L3VPN_LOG(c.level, "n:%d", formatted()); }), "");
+        EXPECT_EQ(zlog_at(c.threshold - 1, [&] { CE_L3VPN_LOG(c.level, "n:%d", formatted()); }), "");
         EXPECT_EQ(g_formatted, 0);  // not even evaluated below the threshold
 
-        ce_l3vpn_set_dbg_level(c.threshold);
         int line = 0;
-        std::string out = zlog_of([&] { line = __LINE__; CE_L3VPN_LOG(c.level, "n:%d", formatted()); });
+        std::string out =
+            zlog_at(c.threshold, [&] { line = __LINE__; CE_L3VPN_LOG(c.level, "n:%d", formatted()); });
         EXPECT_EQ(g_formatted, 1);
         EXPECT_TRUE(has(out, std::string(" ") + c.word + " "));
         // Source path without its extension, line, function, text.
         EXPECT_TRUE(has(out, "tests/foundation/test_found_log:" + std::to_string(line) + " "));
         EXPECT_TRUE(has(out, ": n:1\n"));
     }
-}
-
-TEST_F(LogTest, ZeroHandleFormatsButSendsNothing) {
-    ce_l3vpn_set_dbg_level(5);
-    ce_l3vpn_zlog_handle = 0;
-    EXPECT_EQ(zlog_of([] { CE_L3VPN_LOG(CE_L3VPN_ERROR, "n:%d", formatted()); }), "");
+    // Without a handle the text is still formatted, but nothing is sent.
+    g_formatted = 0;
+    EXPECT_EQ(zlog_at(5, [] {
+                  ce_l3vpn_zlog_handle = 0;
+                  CE_L3VPN_LOG(CE_L3VPN_ERROR, "n:%d", formatted());
+              }),
+              "");
     EXPECT_EQ(g_formatted, 1);
 }
 
-TEST_F(LogTest, LongMessageIsCutAndTerminated) {
-    ce_l3vpn_set_dbg_level(1);
+TEST(Log, LongMessageIsCutAndTerminated) {
     std::string big(3000, 'x');
-    std::string out = zlog_of([&] { CE_L3VPN_LOG(CE_L3VPN_ERROR, "%s", big.c_str()); });
+    std::string out = zlog_at(1, [&] { CE_L3VPN_LOG(CE_L3VPN_ERROR, "%s", big.c_str()); });
     EXPECT_TRUE(has(out, ": " + std::string(1023, 'x') + "\n"));
     EXPECT_EQ(out.find(std::string(1024, 'x')), std::string::npos);
 }
 
-TEST_F(LogTest, FailRecordsThenLogs) {
-    for (int level : {1, 0}) {
-        ce_l3vpn_set_dbg_level(level);
-        uint32_t before = ce_l3vpn_err_tbl[CE_ERR_LABEL_DEPTH].count;
-        int line = 0;
-        std::string out = zlog_of([&] {
-            line = __LINE__; CE_L3VPN_FAIL("rv == SS_E_NONE", CE_ERR_LABEL_DEPTH, "n_label:%u", 9u);
-        });
-        EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_LABEL_DEPTH].count, before + 1);
-        EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_LABEL_DEPTH].line, uint32_t(line));
-        EXPECT_TRUE(level ? has(out, " ERROR ") && has(out, ": fail:rv == SS_E_NONE code:23 n_label:9\n")
-                          : out.empty()) << out;
-    }
-}
-
-int g_chk_line = 0;
+int g_line = 0;
 int guarded(const char *pmsg) {
-    g_chk_line = __LINE__; CE_L3VPN_CHK_NULL(pmsg);
+    g_line = __LINE__; CE_L3VPN_CHK_NULL(pmsg);
+    return 0;
+}
+int failed() {
+    g_line = __LINE__; CE_L3VPN_FAIL("rv == SS_E_NONE", CE_ERR_LABEL_DEPTH, "n_label:%u", 9u);
     return 0;
 }
 
-TEST_F(LogTest, NullArgumentReturns4AndCountsEvenWhenSilent) {
-    for (int level : {0, 1}) {
-        ce_l3vpn_set_dbg_level(level);
-        uint32_t before = ce_l3vpn_err_tbl[CE_ERR_APP_PARSE].count;
-        int rv = 0;
-        std::string out = zlog_of([&] { rv = guarded(nullptr); });
-        EXPECT_EQ(rv, 4);
-        EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_APP_PARSE].count, before + 1);
-        EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_APP_PARSE].line, uint32_t(g_chk_line));
-        EXPECT_TRUE(level ? bool(has(out, ": Fail, pmsg NULL, \n")) : out.empty()) << out;  // silent, yet counted
-        EXPECT_EQ(guarded("x"), 0);
-        EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_APP_PARSE].count, before + 1);
-    }
+// Both count their row and its line first; the line is logged only at ERROR.
+TEST(Log, FailAndNullCheckCountEvenWhenSilent) {
+    const struct {
+        int (*run)();
+        int rv;
+        ce_l3vpn_err_code_t row;
+        const char *text;
+    } cases[] = {
+        {failed, 0, CE_ERR_LABEL_DEPTH, ": fail:rv == SS_E_NONE code:23 n_label:9\n"},
+        {[] { return guarded(nullptr); }, 4, CE_ERR_APP_PARSE, ": Fail, pmsg NULL, \n"},
+    };
+    for (int level : {1, 0})
+        for (const auto &c : cases) {
+            uint32_t before = ce_l3vpn_err_tbl[c.row].count;
+            int rv = -1;
+            std::string out = zlog_at(level, [&] { rv = c.run(); });
+            EXPECT_EQ(rv, c.rv);
+            EXPECT_EQ(ce_l3vpn_err_tbl[c.row].count, before + 1);
+            EXPECT_EQ(ce_l3vpn_err_tbl[c.row].line, uint32_t(g_line));
+            EXPECT_TRUE(level ? has(out, " ERROR ") && has(out, c.text) : out.empty()) << out;
+        }
+    uint32_t before = ce_l3vpn_err_tbl[CE_ERR_APP_PARSE].count;
+    EXPECT_EQ(guarded("x"), 0);
+    EXPECT_EQ(ce_l3vpn_err_tbl[CE_ERR_APP_PARSE].count, before);
 }
 
-// The level files live under a private L3VPN_ROOT.
-class LevelFileTest : public LogTest {
-protected:
-    void SetUp() override {
-        LogTest::SetUp();
-        char tmpl[] = "/tmp/found-level-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        root_ = tmpl;
-        fs::create_directories(root_ + "/data/sw_mpls");
-        setenv("L3VPN_ROOT", root_.c_str(), 1);
-    }
-    void TearDown() override {
-        unsetenv("L3VPN_ROOT");
-        fs::remove_all(root_);
-        LogTest::TearDown();
-    }
-    // Writes the level file, or removes it when text is null.
-    void put(const char *path, const char *text) {
-        fs::remove(root_ + path);
-        if (text != nullptr) std::ofstream(root_ + path) << text;
-    }
-    std::string root_;
-};
-
-constexpr const char *kZlogDbg = "/data/sw_mpls/ce_l3vpn_zlog.dbg";
-constexpr const char *kTblDbg = "/data/sw_mpls/ce_l3vpn_tbl.dbg";
-
-TEST_F(LevelFileTest, ZlogLevelFile) {
+// Level files are read under L3VPN_ROOT. The log's: a missing file or one without a
+// number silences it, and the level is clamped. The table's: a missing file keeps its
+// level, one without a number means 7, and 0 changes nothing.
+TEST(Log, LevelFiles) {
+    char root[] = "/tmp/found-level-XXXXXX";
+    ASSERT_NE(mkdtemp(root), nullptr);
+    fs::create_directories(std::string(root) + "/data/sw_mpls");
+    setenv("L3VPN_ROOT", root, 1);
+    const char *const zlog_dbg = "/data/sw_mpls/ce_l3vpn_zlog.dbg";
+    const char *const tbl_dbg = "/data/sw_mpls/ce_l3vpn_tbl.dbg";
     struct {
-        const char *text;
+        bool tbl;
+        const char *text;  // null: no file
         int32_t level;
-    } cases[] = {{"9", 5}, {"-3", 0}, {"abc", 0}, {nullptr, 0}, {"", 0}, {"4\n", 4}, {"2 7", 2}};
+    } cases[] = {{false, "9", 5}, {false, "-3", 0}, {false, "abc", 0}, {false, nullptr, 0},
+                 {false, "", 0},  {false, "4\n", 4}, {false, "2 7", 2}, {true, nullptr, 3},
+                 {true, "abc", 7}, {true, "0", 3},    {true, "", 7},      {true, "5", 5}};
     for (const auto &c : cases) {
-        put(kZlogDbg, c.text);
-        ce_l3vpn_dbg_level = 3;
+        const std::string path = std::string(root) + (c.tbl ? tbl_dbg : zlog_dbg);
+        fs::remove(path);
+        if (c.text != nullptr) std::ofstream(path) << c.text;
+        ce_l3vpn_dbg_level = ss_rt_tbl_ctl.dbg_level = 3;
         ce_l3vpn_zlog_handle = 0;
-        EXPECT_EQ(ce_l3vpn_zlog_init("ce_mpls_l3vpn_zlog", kZlogDbg), 0);
-        EXPECT_NE(ce_l3vpn_zlog_handle, 0u);
-        EXPECT_EQ(ce_l3vpn_dbg_level, c.level) << (c.text ? c.text : "(missing)");
+        testing::internal::CaptureStdout();  // the table library prints its level list
+        if (c.tbl) {
+            ce_l3vpn_tbl_dbg_init(tbl_dbg);
+        } else {
+            EXPECT_EQ(ce_l3vpn_zlog_init("ce_mpls_l3vpn_zlog", zlog_dbg), 0);
+            EXPECT_NE(ce_l3vpn_zlog_handle, 0u);
+        }
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(c.tbl ? ss_rt_tbl_ctl.dbg_level : ce_l3vpn_dbg_level, c.level)
+            << (c.tbl ? "table " : "log ") << (c.text ? c.text : "(missing)");
     }
-    ce_l3vpn_dbg_level = 3;
     ce_l3vpn_zlog_handle = 0;
-    EXPECT_EQ(ce_l3vpn_zlog_init(nullptr, kZlogDbg), 4);
+    EXPECT_EQ(ce_l3vpn_zlog_init(nullptr, zlog_dbg), 4);
     EXPECT_EQ(ce_l3vpn_zlog_handle, 0u);
     EXPECT_EQ(ce_l3vpn_zlog_init("ce_mpls_l3vpn_zlog", nullptr), 0);  // no file: level kept
     EXPECT_EQ(ce_l3vpn_dbg_level, 3);
-}
-
-TEST_F(LevelFileTest, TableLevelFile) {
-    struct {
-        const char *text;
-        int32_t level;
-    } cases[] = {{nullptr, 3}, {"abc", 7}, {"0", 3}, {"", 7}, {"5", 5}, {"1", 1}};
-    for (const auto &c : cases) {
-        put(kTblDbg, c.text);
-        ss_rt_tbl_ctl.dbg_level = 3;
-        testing::internal::CaptureStdout();  // the library prints its level list
-        ce_l3vpn_tbl_dbg_init(kTblDbg);
-        testing::internal::GetCapturedStdout();
-        EXPECT_EQ(ss_rt_tbl_ctl.dbg_level, c.level) << (c.text ? c.text : "(missing)");
-    }
+    unsetenv("L3VPN_ROOT");
+    fs::remove_all(root);
 }
 }  // namespace

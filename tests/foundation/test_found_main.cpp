@@ -8,33 +8,14 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
-#include "app/proc/ce_l3vpn_main.h"
+#include "foundation/zlog_capture.h"
 #include "support/proc_harness.h"
-
-namespace fs = std::filesystem;
+#include "support/proc_harness_wait.h"
 
 namespace {
-std::string refused(int rv) {
-    return "\n[/sw.ce.mpls.l3vpn.pid] check running, rv:" + std::to_string(rv) +
-           ", another process is already running\n";
-}
-
-::testing::AssertionResult has(const std::string &text, const std::string &part) {
-    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
-}
-
-std::string read_file(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
-// Runs one more daemon to its end (at most 10 s) with standard output on a pipe.
+// Runs one more daemon to its end (at most 10 s): its exit status and standard output.
 std::pair<int, std::string> run_to_exit(const std::string &root, const std::string &mom) {
     int fds[2];
     if (pipe(fds) != 0) return {-1, ""};
@@ -63,39 +44,31 @@ std::pair<int, std::string> run_to_exit(const std::string &root, const std::stri
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out};
 }
 
-class DaemonStart : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(redis_server_t::available());
-        ASSERT_TRUE(redis_.start());
-        root_ = dir_.path() + "/root";
-        fs::create_directories(root_ + "/var/sw_mpls/ham");
-    }
-    bool started(daemon_proc_t &d) {
-        return d.start() && wait_until([&] { return d.log().find(kOver) != std::string::npos; },
-                                       10000);
-    }
-    static constexpr const char *kOver = "mpls l3 init over, start running.\n";
-    temp_dir_t dir_;
-    redis_server_t redis_{dir_.path()};
-    std::string root_;
-};
+TEST(DaemonStart, SecondInstanceIsRefusedAndFirstKeepsRunning) {
+    ASSERT_TRUE(redis_server_t::available());
+    temp_dir_t dir;
+    redis_server_t redis(dir.path());
+    ASSERT_TRUE(redis.start());
+    const std::string root = dir.path() + "/root";
+    std::filesystem::create_directories(root + "/var/sw_mpls/ham");
+    std::ofstream(root + "/var/sw_mpls/ham/ce_l3vpn").flush();  // HAM marker
 
-TEST_F(DaemonStart, SecondInstanceIsRefusedAndFirstKeepsRunning) {
-    std::ofstream(root_ + "/var/sw_mpls/ham/ce_l3vpn").flush();  // HAM marker
-    daemon_proc_t first(root_, redis_.mom_redis(), 4);
-    ASSERT_TRUE(started(first)) << first.log();
-    EXPECT_TRUE(has(first.log(), " INFO "));
-    EXPECT_TRUE(has(first.log(), ": ce mpls l3vpn reg HAM fail, rv -15\n"));
+    daemon_proc_t first(root, redis.mom_redis(), 4);
+    ASSERT_TRUE(first.start());
+    ASSERT_TRUE(wait_until([&] { return has(first.log(), "mpls l3 init over, start running.\n"); }, 10000))
+        << first.log();
+    // The HAM registration comes before the end of start-up, and fails without a HAM.
+    const std::string log = first.log();
+    EXPECT_LT(log.find(": ce mpls l3vpn reg HAM fail, rv -15\n"), log.find("mpls l3 init over"));
+    EXPECT_TRUE(has(log, " INFO "));
+    const std::string pid_file = root + "/var/run/sw.ce.mpls.l3vpn.pid";
+    EXPECT_EQ(file_text(pid_file), std::to_string(first.pid()) + std::string(1, '\0'));
 
-    const std::string pid_file = root_ + "/var/run/sw.ce.mpls.l3vpn.pid";
-    EXPECT_EQ(read_file(pid_file), std::to_string(first.pid()) + std::string(1, '\0'));
-
-    auto [status, out] = run_to_exit(root_, redis_.mom_redis());
+    auto [status, out] = run_to_exit(root, redis.mom_redis());
     EXPECT_EQ(status, 250);  // -6 as a process exit status
-    EXPECT_EQ(out, refused(-6));
+    EXPECT_EQ(out, "\n[/sw.ce.mpls.l3vpn.pid] check running, rv:-6, another process is already running\n");
     // The refused start opened with truncation before trying the lock.
-    EXPECT_EQ(read_file(pid_file), "");
+    EXPECT_EQ(file_text(pid_file), "");
 
     usleep(300 * 1000);
     EXPECT_TRUE(first.running());
