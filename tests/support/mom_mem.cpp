@@ -52,7 +52,6 @@ struct mem_notice_t {
     uint32_t cmd = 0, flag = 0, error = 0;
     mom_mem_msg_ptr value;
     bool wrap = false;  // deliver inside a tq_mom_hash_res_t
-    uint32_t hash_error = 0;
     uint32_t db = 0;
     std::string key;
     const ProtobufCMessageDescriptor *desc = nullptr;
@@ -75,9 +74,9 @@ struct mom_mem_t : tq_mom_client_t {
     std::vector<mem_sub_t> subs;
     std::deque<mem_notice_t> queue;
     std::map<uint32_t, mem_reconn_t> reconn;
-    std::set<uint32_t> connected, lost;
+    std::set<uint32_t> lost;
     std::set<std::pair<uint32_t, std::string>, std::less<>> hash_tables;  // (db, T) ever hashed
-    std::array<mom_mem_op_stat_t, MOM_MEM_OP_COUNT> stats{};
+    std::array<uint32_t, MOM_MEM_OP_COUNT> calls{};
     std::array<std::pair<uint32_t, int>, MOM_MEM_OP_COUNT> fails{};
 };
 
@@ -107,30 +106,19 @@ const mem_rec_t *find_rec(mom_mem_t *m, uint32_t db, std::string_view key) {
 
 // Counts the call; a lost database or an injected failure refuses it.
 int enter(mom_mem_t *m, mom_mem_op_t op, uint32_t db) {
-    mom_mem_op_stat_t &st = m->stats[op];
-    ++st.calls;
-    if (m->lost.count(db) != 0) {
-        ++st.failed;
-        return TQ_MOM_ERR_CONN;
-    }
+    ++m->calls[op];
+    if (m->lost.count(db) != 0) return TQ_MOM_ERR_CONN;
     auto &[left, code] = m->fails[op];
     if (left > 0) {
         --left;
-        ++st.failed;
         return code;
     }
     return 0;
 }
 
-int enter_write(mom_mem_t *m, mom_mem_op_t op, uint32_t db, bool is_sync, bool batch) {
-    m->stats[op].synced += is_sync;
-    m->stats[op].batched += batch;
-    return enter(m, op, db);
-}
-
 int deliver(const mem_target_t &to, uint32_t cmd, uint32_t flag, uint32_t error,
-            ProtobufCMessage *value, bool wrap, uint32_t hash_error) {
-    tq_mom_hash_res_t res{value, hash_error};
+            ProtobufCMessage *value, bool wrap) {
+    tq_mom_hash_res_t res{value, 0};
     tq_mom_msg_t msg{cmd, flag, wrap ? static_cast<void *>(&res) : value, error};
     return to.cb(to.global, &msg, to.arg);
 }
@@ -192,7 +180,7 @@ bool deliver_notice(mem_notice_t &n, mom_mem_t *m) {
         n.value = decode(*rec, n.desc);
         if (n.value == nullptr) return false;
     }
-    deliver(n.to, n.cmd, n.flag, n.error, n.value.get(), n.wrap, n.hash_error);
+    deliver(n.to, n.cmd, n.flag, n.error, n.value.get(), n.wrap);
     return true;
 }
 
@@ -213,7 +201,6 @@ std::vector<std::string> slice_keys(mom_mem_t *m, uint32_t db, const mem_slice_t
 int op_connect_sync(tq_mom_client_t *c, void *, uint32_t db) {
     mom_mem_t *m = mem_of(c);
     int rv = enter(m, MOM_MEM_OP_CONNECT_SYNC, db);
-    if (rv == 0) m->connected.insert(db);
     return rv;
 }
 
@@ -221,7 +208,6 @@ int op_connect(tq_mom_client_t *c, void *global, uint32_t db, tq_mom_conn_cb_t c
     mom_mem_t *m = mem_of(c);
     int rv = enter(m, MOM_MEM_OP_CONNECT, db);
     if (rv != 0) return rv;
-    m->connected.insert(db);
     mem_notice_t n;
     n.kind = mem_notice_t::CONNECT;
     n.to = {global, nullptr, arg};
@@ -271,8 +257,7 @@ int op_scan(tq_mom_client_t *c, void *global, uint32_t db, const ProtobufCMessag
         mom_mem_msg_ptr v = decode(*rec, item->descriptor);
         if (v == nullptr) continue;
         bool hash = rec->type == REC_HASH;
-        deliver({global, cb, arg}, hash ? TQ_MOM_CMD_HSCAN : TQ_MOM_CMD_SCAN, 0, 0, v.get(), hash,
-                0);
+        deliver({global, cb, arg}, hash ? TQ_MOM_CMD_HSCAN : TQ_MOM_CMD_SCAN, 0, 0, v.get(), hash);
     }
     return 0;
 }
@@ -310,10 +295,10 @@ int op_dsend(tq_mom_client_t *c, void *global, uint32_t db, const ProtobufCMessa
     return 0;
 }
 
-int op_set(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool is_sync,
-           bool batch) {
+int op_set(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool /*is_sync*/,
+           bool /*batch*/) {
     mom_mem_t *m = mem_of(c);
-    int rv = enter_write(m, MOM_MEM_OP_SET, db, is_sync, batch);
+    int rv = enter(m, MOM_MEM_OP_SET, db);
     if (rv != 0) return rv;
     std::string key;
     if ((rv = tq_mom_record_key(value, key)) != 0) return rv;
@@ -325,10 +310,10 @@ int op_set(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool 
     return 0;
 }
 
-int op_hmset(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool is_sync,
-             bool batch) {
+int op_hmset(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool /*is_sync*/,
+             bool /*batch*/) {
     mom_mem_t *m = mem_of(c);
-    int rv = enter_write(m, MOM_MEM_OP_HMSET, db, is_sync, batch);
+    int rv = enter(m, MOM_MEM_OP_HMSET, db);
     if (rv != 0) return rv;
     std::string key;
     std::vector<std::pair<std::string, std::string>> fields;
@@ -350,10 +335,10 @@ int op_hmset(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, boo
     return 0;
 }
 
-int op_del(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool is_sync,
-           bool batch) {
+int op_del(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool /*is_sync*/,
+           bool /*batch*/) {
     mom_mem_t *m = mem_of(c);
-    int rv = enter_write(m, MOM_MEM_OP_DEL, db, is_sync, batch);
+    int rv = enter(m, MOM_MEM_OP_DEL, db);
     if (rv != 0) return rv;
     std::string key;
     if ((rv = tq_mom_record_key(value, key)) != 0) return rv;
@@ -405,45 +390,19 @@ void mom_mem_free(tq_mom_client_t *c) { tq_mom_client_free(c); }
 
 tq_global_t mom_mem_ctx(tq_mom_client_t *c) { return tq_global_t{c, nullptr, {}}; }
 
-int mom_mem_dispatch(tq_mom_client_t *c) {
+int mom_mem_dispatch_all(tq_mom_client_t *c) {
     mom_mem_t *m = mem_of(c);
     int ran = 0;
-    for (size_t n = m->queue.size(); n > 0 && !m->queue.empty(); --n) {
-        mem_notice_t notice = std::move(m->queue.front());
-        m->queue.pop_front();
-        ran += deliver_notice(notice, m);
+    // Round by round, so notices queued by a callback wait for the next round; a
+    // callback that writes on every notice would loop forever, so stop somewhere.
+    for (int round = 0; round < 100000 && !m->queue.empty(); ++round) {
+        for (size_t n = m->queue.size(); n > 0 && !m->queue.empty(); --n) {
+            mem_notice_t notice = std::move(m->queue.front());
+            m->queue.pop_front();
+            ran += deliver_notice(notice, m);
+        }
     }
     return ran;
-}
-
-int mom_mem_dispatch_all(tq_mom_client_t *c) {
-    int ran = 0;
-    // A callback that writes on every notice would loop forever; stop somewhere.
-    for (int round = 0; round < 100000 && !mem_of(c)->queue.empty(); ++round)
-        ran += mom_mem_dispatch(c);
-    return ran;
-}
-
-size_t mom_mem_pending(tq_mom_client_t *c) { return mem_of(c)->queue.size(); }
-
-int mom_mem_inject(tq_mom_client_t *c, uint32_t db, const ProtobufCMessageDescriptor *item_desc,
-                   const mom_mem_notice_t &in) {
-    mom_mem_t *m = mem_of(c);
-    int queued = 0;
-    if (item_desc == nullptr) return 0;
-    for_subs(m, db, item_desc->name, [&](const mem_sub_t &s) {
-        mem_notice_t n;
-        n.to = s.to;
-        n.cmd = in.cmd;
-        n.flag = in.flag;
-        n.error = in.error;
-        n.value = copy_msg(in.value);
-        n.wrap = !in.raw && (in.cmd == TQ_MOM_CMD_HSET || in.cmd == TQ_MOM_CMD_HSCAN);
-        n.hash_error = in.hash_error;
-        m->queue.push_back(std::move(n));
-        ++queued;
-    });
-    return queued;
 }
 
 void mom_mem_fail_next(tq_mom_client_t *c, mom_mem_op_t op, uint32_t n, int code) {
@@ -466,11 +425,6 @@ void mom_mem_conn_back(tq_mom_client_t *c, uint32_t db) {
         it->second.cb(it->second.global, db, TQ_MOM_CONN_BACK, it->second.arg);
 }
 
-bool mom_mem_connected(tq_mom_client_t *c, uint32_t db) {
-    mom_mem_t *m = mem_of(c);
-    return m->connected.count(db) != 0 && m->lost.count(db) == 0;
-}
-
 mom_mem_msg_ptr mom_mem_get(tq_mom_client_t *c, uint32_t db,
                             const ProtobufCMessageDescriptor *item_desc,
                             std::string_view key_text) {
@@ -479,29 +433,6 @@ mom_mem_msg_ptr mom_mem_get(tq_mom_client_t *c, uint32_t db,
     if (tq_mom_key_desc(item_desc) != nullptr) key += "|" + std::string(key_text);
     const mem_rec_t *rec = find_rec(mem_of(c), db, key);
     return rec == nullptr ? nullptr : decode(*rec, item_desc);
-}
-
-int mom_mem_type(tq_mom_client_t *c, uint32_t db, std::string_view redis_key) {
-    const mem_rec_t *rec = find_rec(mem_of(c), db, redis_key);
-    return rec == nullptr ? 0 : rec->type;
-}
-
-bool mom_mem_marked(tq_mom_client_t *c, uint32_t db, std::string_view redis_key) {
-    const mem_rec_t *rec = find_rec(mem_of(c), db, redis_key);
-    return rec != nullptr && rec->marked;
-}
-
-size_t mom_mem_count_records(tq_mom_client_t *c, uint32_t db,
-                             const ProtobufCMessageDescriptor *item_desc) {
-    if (item_desc == nullptr) return 0;
-    mom_mem_msg_ptr item(tq_mom_unpack(item_desc, {}));
-    return mom_mem_count_records(c, db, item.get(), TQ_MOM_MODE_TABLE);
-}
-
-size_t mom_mem_count_records(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *item,
-                             uint32_t mode) {
-    if (item == nullptr) return 0;
-    return slice_keys(mem_of(c), db, mem_slice_t(item, mode)).size();
 }
 
 std::vector<std::string> mom_mem_keys(tq_mom_client_t *c, uint32_t db) {
@@ -518,13 +449,9 @@ size_t mom_mem_sub_count(tq_mom_client_t *c, uint32_t db,
     return n;
 }
 
-mom_mem_op_stat_t mom_mem_stat(tq_mom_client_t *c, mom_mem_op_t op) {
-    return op < MOM_MEM_OP_COUNT ? mem_of(c)->stats[op] : mom_mem_op_stat_t{};
+uint32_t mom_mem_op_count(tq_mom_client_t *c, mom_mem_op_t op) {
+    return op < MOM_MEM_OP_COUNT ? mem_of(c)->calls[op] : 0;
 }
-
-uint32_t mom_mem_op_count(tq_mom_client_t *c, mom_mem_op_t op) { return mom_mem_stat(c, op).calls; }
-
-void mom_mem_reset_counts(tq_mom_client_t *c) { mem_of(c)->stats = {}; }
 
 void mom_mem_clear(tq_mom_client_t *c) {
     mom_mem_t *m = mem_of(c);

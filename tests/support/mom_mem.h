@@ -1,6 +1,6 @@
 // In-memory MOM for tests: the same records, keys, notices and data sync as the
 // Redis client, without a server. Notices wait in a queue until the test calls
-// mom_mem_dispatch(), so a write made from inside a callback never recurses.
+// mom_mem_dispatch_all(), so a write made from inside a callback never recurses.
 // Set and hset notices read the record when delivered (a record gone by then
 // delivers nothing, its delete follows); deletes and expiries carry the record
 // rebuilt from its key. tq_mom_dsend queues the deletes of the sweep, then its
@@ -41,25 +41,6 @@ enum mom_mem_op_t {
     MOM_MEM_OP_COUNT,
 };
 
-struct mom_mem_op_stat_t {
-    uint32_t calls;    // every call, failed ones included
-    uint32_t failed;   // refused by an injected failure or a lost connection
-    uint32_t batched;  // writes passed with batch = true
-    uint32_t synced;   // writes passed with is_sync = true
-};
-
-// A notice to inject. The value is copied; the caller keeps its message.
-// For cmd 4 and 6 the copy (or null) is wrapped in a tq_mom_hash_res_t carrying
-// hash_error, unless raw is set: then the copy (or null) goes out unwrapped.
-struct mom_mem_notice_t {
-    uint32_t cmd = 0;
-    uint32_t flag = 0;
-    uint32_t error = 0;
-    const ProtobufCMessage *value = nullptr;
-    bool raw = false;
-    uint32_t hash_error = 0;
-};
-
 struct mom_mem_msg_deleter_t {
     void operator()(ProtobufCMessage *m) const { tq_mom_free(m); }
 };
@@ -70,16 +51,9 @@ void mom_mem_free(tq_mom_client_t *c);  // same as tq_mom_client_free
 // A context around the client: {c, no loop, no name}.
 tq_global_t mom_mem_ctx(tq_mom_client_t *c);
 
-// Delivers the notices queued before the call (not those queued meanwhile);
-// returns how many callbacks ran.
-int mom_mem_dispatch(tq_mom_client_t *c);
-// Delivers until the queue stays empty; returns how many callbacks ran.
+// Delivers queued notices until the queue stays empty; returns how many
+// callbacks ran.
 int mom_mem_dispatch_all(tq_mom_client_t *c);
-size_t mom_mem_pending(tq_mom_client_t *c);
-
-// Queues a notice for every subscription of the table on db; returns how many.
-int mom_mem_inject(tq_mom_client_t *c, uint32_t db, const ProtobufCMessageDescriptor *item_desc,
-                   const mom_mem_notice_t &n);
 
 // The next n calls of op return code (a negative TQ_MOM_ERR_* usually) and do nothing.
 void mom_mem_fail_next(tq_mom_client_t *c, mom_mem_op_t op, uint32_t n, int code);
@@ -88,31 +62,18 @@ void mom_mem_fail_next(tq_mom_client_t *c, mom_mem_op_t op, uint32_t n, int code
 // makes every call on that db return TQ_MOM_ERR_CONN until back (type 2).
 void mom_mem_conn_lost(tq_mom_client_t *c, uint32_t db);
 void mom_mem_conn_back(tq_mom_client_t *c, uint32_t db);
-// True once connect or connect_sync has succeeded on db, unless it is lost.
-bool mom_mem_connected(tq_mom_client_t *c, uint32_t db);
-
 // Reads a record back decoded: key_text as in the Redis key after "T|" ("" for
 // an unkeyed table). Null when there is none.
 mom_mem_msg_ptr mom_mem_get(tq_mom_client_t *c, uint32_t db,
                             const ProtobufCMessageDescriptor *item_desc,
                             std::string_view key_text);
-// Record type under a Redis key: 0 none, 1 string, 2 hash.
-int mom_mem_type(tq_mom_client_t *c, uint32_t db, std::string_view redis_key);
-// True while the record carries a data-sync mark.
-bool mom_mem_marked(tq_mom_client_t *c, uint32_t db, std::string_view redis_key);
-// Records of a whole table, or of the table or owner slice of a template item.
-size_t mom_mem_count_records(tq_mom_client_t *c, uint32_t db,
-                             const ProtobufCMessageDescriptor *item_desc);
-size_t mom_mem_count_records(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *item,
-                             uint32_t mode);
 // Redis keys of a database, sorted.
 std::vector<std::string> mom_mem_keys(tq_mom_client_t *c, uint32_t db);
 // Subscriptions of a table on db.
 size_t mom_mem_sub_count(tq_mom_client_t *c, uint32_t db,
                          const ProtobufCMessageDescriptor *item_desc);
 
-mom_mem_op_stat_t mom_mem_stat(tq_mom_client_t *c, mom_mem_op_t op);
-uint32_t mom_mem_op_count(tq_mom_client_t *c, mom_mem_op_t op);  // stat().calls
-void mom_mem_reset_counts(tq_mom_client_t *c);
+// Calls of op so far, refused ones included.
+uint32_t mom_mem_op_count(tq_mom_client_t *c, mom_mem_op_t op);
 // Drops records, subscriptions, queued notices, failures, connection state and counts.
 void mom_mem_clear(tq_mom_client_t *c);
