@@ -42,30 +42,18 @@ void same_as_libc(const char *fmt, T... args)
     check(std::string(want, static_cast<size_t>(n)), fmt, args...);
 }
 
-// Every format with every value.
-template <typename V, size_t NF, size_t NV>
-void cross(const char *const (&fmts)[NF], const V (&vals)[NV])
-{
-    for (const char *f : fmts)
-        for (V v : vals) same_as_libc(f, v);
-}
-
 TEST(AtSnprintf, StandardConversionsMatchLibc)
 {
-    const char *const fmts[] = {"%d", "%u", "%x", "%X", "%o", "%5d", "%-5d|", "%+d", "% d", "%05d",
-                                "%-05d|", "%.3d", "%.0d", "%-+8.3d|", "%08.3d", "%#x", "%#o",
-                                "%#.0o", "%#08x", "%#-8x|", "%hhd", "%hu", "%c|", "%-3c|", "[%%%d %%]"};
-    const int vals[] = {0, 1, -1, 42, 255, 256, -128, 70000, INT_MAX, INT_MIN};
-    cross(fmts, vals);
-    const char *const llf[] = {"%lld", "%llu", "%#llX", "%+25lld", "%-25lld|", "%.22lld", "%zd", "%jd", "%td"};
-    const long long llv[] = {0, -1, LLONG_MIN, LLONG_MAX};
-    cross(llf, llv);
-    const char *const sf[] = {"%s", "%10s|", "%-10s|", "%.2s", "%10.2s|", "%.0s", "<%s>"};
-    const char *const sv[] = {"", "hello", "longer text here", nullptr};
-    cross(sf, sv);
-    const char *const pf[] = {"%p", "%20p|", "%-20p|", "%.20p", "%+p"};
-    void *const pv[] = {nullptr, reinterpret_cast<void *>(0x1234), reinterpret_cast<void *>(UINTPTR_MAX)};
-    cross(pf, pv);
+    for (const char *f : {"%d", "%u", "%x", "%X", "%o", "%5d", "%-5d|", "%+d", "% d", "%05d", "%-05d|", "%.3d",
+                          "%.0d", "%-+8.3d|", "%08.3d", "%#x", "%#o", "%#.0o", "%#08x", "%#-8x|", "%hhd", "%hu",
+                          "%c|", "%-3c|", "[%%%d %%]"})
+        for (int v : {0, 1, -1, 42, 255, 256, -128, 70000, INT_MAX, INT_MIN}) same_as_libc(f, v);
+    for (const char *f : {"%lld", "%llu", "%#llX", "%+25lld", "%-25lld|", "%.22lld", "%zd", "%jd", "%td"})
+        for (long long v : {0LL, -1LL, LLONG_MIN, LLONG_MAX}) same_as_libc(f, v);
+    for (const char *f : {"%s", "%10s|", "%-10s|", "%.2s", "%10.2s|", "%.0s", "<%s>"})
+        for (const char *v : {"", "hello", "longer text here", static_cast<const char *>(nullptr)}) same_as_libc(f, v);
+    for (const char *f : {"%p", "%20p|", "%-20p|", "%.20p", "%+p"})
+        for (uintptr_t v : {uintptr_t{0}, uintptr_t{0x1234}, UINTPTR_MAX}) same_as_libc(f, reinterpret_cast<void *>(v));
     const char unterminated[3] = {'a', 'b', 'c'};  // precision must stop the read
     check("ab", "%.2s", unterminated);
     same_as_libc("%*d|%-*d|%.*d|%*.*s|", -5, 42, 6, -1, -1, 42, 8, 2, "hello");
@@ -107,9 +95,8 @@ void same_as_ntop(const unsigned char *addr)
 
 TEST(AtSnprintf, Ipv6MatchesInetNtop)
 {
-    for (const char *t : {"::", "::1", "1::", "2001:db8::1", "2001:db8:0:0:1:0:0:1", "1:0:0:1:0:0:0:1",
-                          "1:2:3:4:5:6:7:8", "1:0:2:3:4:5:6:7", "fe80::1:0:0:0", "::ffff:1.2.3.4",
-                          "::ffff:0:0", "::ffff:0.0.0.1", "::1.2.3.4", "::1:0:0", "64:ff9b::1.2.3.4"}) {
+    // The well-known forms by name; the sweep below makes every other pattern.
+    for (const char *t : {"::", "::1", "::ffff:1.2.3.4", "::1.2.3.4", "64:ff9b::1.2.3.4"}) {
         unsigned char a[16];
         ASSERT_EQ(inet_pton(AF_INET6, t, a), 1) << t;
         same_as_ntop(a);

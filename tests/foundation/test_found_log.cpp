@@ -1,5 +1,5 @@
-// The log macro, the check macros, the error statistics table and the start-up
-// of the levels from their level files.
+// The log macro, the check macros, the error statistics table, the start-up
+// of the levels from their level files, and the label-stack printer.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -8,6 +8,7 @@
 #include <string>
 
 #include "foundation/zlog_capture.h"
+#include "l3vpn/ss_mpls_dbg.h"
 #include "platform/zlog/tq_zlog.h"
 #include "route_table/ss_rt_tbl.h"
 
@@ -23,24 +24,22 @@ constexpr const char *kSep = "----------------";
 
 // Every named row; all others must be empty.
 const row_want_t kRows[] = {
-    {0, "--- MSG --------", 0}, {1, "MPLS_ENABLE", 1}, {2, "MPLS_DISABLE", 1},
-    {3, "TTL_COPY_ENABLE", 1}, {4, "TTL_COPY_DISABLE", 1}, {5, "LAB_SW_ENABLE", 1},
-    {6, "LAB_SW_DISABLE", 1}, {7, "FTN_ADD", 1}, {8, "FTN_DEL", 1}, {9, "VC_FTN_ADD", 1},
-    {10, "VC_FTN_DEL", 1}, {11, "ILM_ADD", 1}, {12, "ILM_DEL", 1}, {13, "IN_ADJ_CB", 1},
-    {14, "TTL_COPY_CB", 1}, {21, kSep, 0}, {22, "--- PARAM ------", 0}, {23, "LABEL_DEPTH", 3},
-    {24, "LABEL_INVALID", 3}, {26, "OPCODE", 3}, {27, "NHOP_EMPTY", 3}, {28, "OWNER", 3},
-    {29, "VC_IFX_ZERO", 3}, {30, kSep, 0}, {31, "--- APP --------", 0}, {32, "ZLOG_INIT", 4},
-    {33, "CAP_INIT", 4}, {34, "REG_HAM", 4}, {35, "CONN_DB", 4}, {36, "APP_PARSE", 4},
+    {0, "--- MSG --------", 0}, {1, "MPLS_ENABLE", 1}, {2, "MPLS_DISABLE", 1}, {3, "TTL_COPY_ENABLE", 1},
+    {4, "TTL_COPY_DISABLE", 1}, {5, "LAB_SW_ENABLE", 1}, {6, "LAB_SW_DISABLE", 1}, {7, "FTN_ADD", 1},
+    {8, "FTN_DEL", 1}, {9, "VC_FTN_ADD", 1}, {10, "VC_FTN_DEL", 1}, {11, "ILM_ADD", 1}, {12, "ILM_DEL", 1},
+    {13, "IN_ADJ_CB", 1}, {14, "TTL_COPY_CB", 1}, {21, kSep, 0}, {22, "--- PARAM ------", 0},
+    {23, "LABEL_DEPTH", 3}, {24, "LABEL_INVALID", 3}, {26, "OPCODE", 3}, {27, "NHOP_EMPTY", 3},
+    {28, "OWNER", 3}, {29, "VC_IFX_ZERO", 3}, {30, kSep, 0}, {31, "--- APP --------", 0},
+    {32, "ZLOG_INIT", 4}, {33, "CAP_INIT", 4}, {34, "REG_HAM", 4}, {35, "CONN_DB", 4}, {36, "APP_PARSE", 4},
     {37, "APP_GET_RV", 4}, {38, "ZLOG_INIT", 4}, {40, "APP_NODE_NOT_FOUND", 3},
     {41, "NHOP_NODE_NOT_FOUND", 3}, {42, "APP_DB_CREATE_DB", 4}, {43, "APP_DB_MALLOC", 4},
-    {44, "NHOP_NODE_ADD", 4}, {45, "APP_NODE_ADD", 4}, {46, "IN_ADJ_NODE_ADD", 4},
-    {47, "NHOP_BIND_APP", 4}, {48, "NHOP_BIND_IN_ADJ", 4}, {49, "INTERBAL_NHOP_NUM", 4},
-    {50, "INTERBAL_NHOP_LIST", 4}, {51, kSep, 0}, {52, "---  CAP  ------", 0},
-    {53, "FTN_V4_FULL", 3}, {54, "FTN_V6_FULL", 3}, {55, "VC_FTN_FULL", 3}, {56, "ILM_FULL", 3},
-    {57, kSep, 0}, {58, "--- PROTO -------", 0}, {59, "MPLS_ENABLE", 1}, {60, "MPLS_DISABLE", 1},
-    {61, "ERR_MPLS_OP_HW", 4}, {62, "TTL_COPY_ENABLE", 1}, {63, "TTL_COPY_DISABLE", 1},
-    {64, "ERR_TTL_COPY_HW", 4}, {65, "LAB_SW_ENABLE", 1}, {66, "LAB_SW_DISABLE", 1},
-    {67, "ERR_LAB_SW_HW", 4}, {68, "FTN_RT_ADD", 1}, {69, "FTN_RT_DEL", 1},
+    {44, "NHOP_NODE_ADD", 4}, {45, "APP_NODE_ADD", 4}, {46, "IN_ADJ_NODE_ADD", 4}, {47, "NHOP_BIND_APP", 4},
+    {48, "NHOP_BIND_IN_ADJ", 4}, {49, "INTERBAL_NHOP_NUM", 4}, {50, "INTERBAL_NHOP_LIST", 4}, {51, kSep, 0},
+    {52, "---  CAP  ------", 0}, {53, "FTN_V4_FULL", 3}, {54, "FTN_V6_FULL", 3}, {55, "VC_FTN_FULL", 3},
+    {56, "ILM_FULL", 3}, {57, kSep, 0}, {58, "--- PROTO -------", 0}, {59, "MPLS_ENABLE", 1},
+    {60, "MPLS_DISABLE", 1}, {61, "ERR_MPLS_OP_HW", 4}, {62, "TTL_COPY_ENABLE", 1},
+    {63, "TTL_COPY_DISABLE", 1}, {64, "ERR_TTL_COPY_HW", 4}, {65, "LAB_SW_ENABLE", 1},
+    {66, "LAB_SW_DISABLE", 1}, {67, "ERR_LAB_SW_HW", 4}, {68, "FTN_RT_ADD", 1}, {69, "FTN_RT_DEL", 1},
     {70, "ERR_FTN_RT_HW", 4}, {71, "VC_FTN_VIR_RT_ADD", 1}, {72, "VC_FTN_VIR_RT_DEL", 1},
     {73, "ERR_VC_FTN_VIR_RT_HW", 4}, {74, "ILM_VIR_RT_ADD", 1}, {75, "ILM_VIR_RT_DEL", 1},
     {76, "ERR_ILM_VIR_RT_HW", 4}, {77, "FTN_IN_ADJ_ADD", 1}, {78, "FTN_IN_ADJ_DEL", 1},
@@ -111,6 +110,30 @@ TEST(Log, LongMessageIsCutAndTerminated) {
     std::string out = zlog_at(1, [&] { CE_L3VPN_LOG(CE_L3VPN_ERROR, "%s", big.c_str()); });
     EXPECT_TRUE(has(out, ": " + std::string(1023, 'x') + "\n"));
     EXPECT_EQ(out.find(std::string(1024, 'x')), std::string::npos);
+}
+
+// The printer logs at DEBUG only, under its own source path.
+TEST(Log, LabelStackTexts) {
+    const uint32_t labels[9] = {16, 17, 18, 1048575, 3, 21, 22, 23, 24};
+    struct {
+        uint8_t n;
+        const uint32_t *labels;
+        const char *text;
+    } cases[] = {
+        {0, labels, "label stack: nil \n"},
+        {3, nullptr, "label stack: nil \n"},
+        {9, labels, "label stack: Error n_label:9\n"},
+        {255, labels, "label stack: Error n_label:255\n"},
+        {3, labels, " label stack: lab0:16 lab1:17 lab2:18 lab3:0 lab4:0 lab5:0 lab6:0 lab7:0\n"},
+        {8, labels, " label stack: lab0:16 lab1:17 lab2:18 lab3:1048575 lab4:3 lab5:21 lab6:22 lab7:23\n"},
+    };
+    for (const auto &c : cases) {
+        auto print = [&] { mpls_zlog_print_label_stack(c.n, c.labels); };
+        std::string out = zlog_at(5, print);
+        EXPECT_TRUE(has(out, " app/proc/../../l3vpn/ss_mpls_dbg:"));
+        EXPECT_TRUE(out.ends_with(std::string(": ") + c.text)) << out;
+        EXPECT_EQ(zlog_at(4, print), "") << unsigned(c.n);
+    }
 }
 
 int g_line = 0;

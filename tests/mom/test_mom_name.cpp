@@ -81,115 +81,78 @@ TEST_P(KeyText, RoundTripsThroughKeyAndRedisKey) {
 
 INSTANTIATE_TEST_SUITE_P(AllKeys, KeyText, ::testing::ValuesIn(KEY_CASES));
 
-TEST(KeyText, AddressForms) {
-    uint8_t v4_bytes[4] = {0xc0, 0x00, 0x02, 0x01};
+// What the round trips above cannot show: IPv4 is written in memory order, an
+// address case without its member writes nothing, and no address reads back
+// as none rather than an empty one.
+TEST(KeyText, AddressFormsOfRecords) {
+    const uint8_t v4_bytes[4] = {0xc0, 0x00, 0x02, 0x01};
     PLibpub__Ipv4 v4 = P_LIBPUB__IPV4__INIT;
     std::memcpy(&v4.data, v4_bytes, 4);
-    uint8_t v6_bytes[16] = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x01};
-    PLibpub__Ipv6 v6 = P_LIBPUB__IPV6__INIT;
-    v6.data = {16, v6_bytes};
     PLibpub__Ipv6 v6_short = P_LIBPUB__IPV6__INIT;
-    v6_short.data = {4, v6_bytes};
-    PLibpub__Ipv4b v4b = P_LIBPUB__IPV4B__INIT;
-    v4b.data = {4, v4_bytes};
-
-    struct {
-        const char *what;
-        PLibpub__Ip__AddrCase which;
-        void *member;
-        int rv;
-        const char *text;
-    } cases[] = {
-        {"v4 memory order", P_LIBPUB__IP__ADDR_V4, &v4, 0, "7|0|0|v4:192.0.2.1|4294967297"},
-        {"v6 compressed", P_LIBPUB__IP__ADDR_V6, &v6, 0, "7|0|0|v6:2001:db8::1|4294967297"},
-        {"v6 of 4 bytes", P_LIBPUB__IP__ADDR_V6, &v6_short, TQ_MOM_ERR_PARAM, ""},
-        {"v4b hex", P_LIBPUB__IP__ADDR_V4B, &v4b, 0, "7|0|0|v4b:c0000201|4294967297"},
-        {"no member", P_LIBPUB__IP__ADDR__NOT_SET, nullptr, 0, "7|0|0||4294967297"},
-        {"member unset", P_LIBPUB__IP__ADDR_V4, nullptr, 0, "7|0|0||4294967297"},
-    };
-    for (const auto &c : cases) {
-        PLibpub__Ip ip = P_LIBPUB__IP__INIT;
-        ip.addr_case = c.which;
-        if (c.which == P_LIBPUB__IP__ADDR_V4) ip.v4 = static_cast<PLibpub__Ipv4 *>(c.member);
-        if (c.which == P_LIBPUB__IP__ADDR_V6) ip.v6 = static_cast<PLibpub__Ipv6 *>(c.member);
-        if (c.which == P_LIBPUB__IP__ADDR_V4B) ip.v4b = static_cast<PLibpub__Ipv4b *>(c.member);
-        SRoute__InSubAdjKey key = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
-        key.t_rt_owner = 7;
-        key.ip = &ip;
-        key.mplsid = 4294967297ULL;
+    v6_short.data = {4, const_cast<uint8_t *>(v4_bytes)};
+    PLibpub__Ip ip = P_LIBPUB__IP__INIT;
+    SRoute__InSubAdjKey key = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
+    key.t_rt_owner = 7, key.ip = &ip, key.mplsid = 4294967297ULL;
+    auto text_of = [&](PLibpub__Ip__AddrCase which) {
+        ip.addr_case = which;
         std::string text;
-        EXPECT_EQ(tq_mom_key_to_text(&key.base, text), c.rv) << c.what;
-        EXPECT_EQ(text, c.text) << c.what;
-    }
+        return std::to_string(tq_mom_key_to_text(&key.base, text)) + " " + text;
+    };
+    ip.v4 = &v4;
+    EXPECT_EQ(text_of(P_LIBPUB__IP__ADDR_V4), "0 7|0|0|v4:192.0.2.1|4294967297");
+    ip.v6 = &v6_short;  // 4 bytes where 16 belong
+    EXPECT_EQ(text_of(P_LIBPUB__IP__ADDR_V6), std::to_string(TQ_MOM_ERR_PARAM) + " ");
+    ip.v4 = nullptr;
+    EXPECT_EQ(text_of(P_LIBPUB__IP__ADDR_V4), "0 7|0|0||4294967297");
+    EXPECT_EQ(text_of(P_LIBPUB__IP__ADDR__NOT_SET), "0 7|0|0||4294967297");
 
-    SRoute__InSubAdjKey absent = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
-    std::string text;
-    ASSERT_EQ(tq_mom_key_to_text(&absent.base, text), 0);
-    EXPECT_EQ(text, "0|0|0||0");
+    key.ip = nullptr;
+    EXPECT_EQ(text_of(P_LIBPUB__IP__ADDR__NOT_SET), "0 7|0|0||4294967297");
     ProtobufCMessage *raw = nullptr;
-    ASSERT_EQ(tq_mom_key_from_text(&s_route__in_sub_adj_key__descriptor, text, &raw), 0);
-    msg_ptr back = own(raw);
-    EXPECT_EQ(reinterpret_cast<SRoute__InSubAdjKey *>(back.get())->ip, nullptr);
-
-    ASSERT_EQ(tq_mom_key_from_text(&s_route__in_sub_adj_key__descriptor, "7|0|0|v4:192.0.2.1|0", &raw), 0);
-    back = own(raw);  // v4 data comes back in memory order
-    EXPECT_EQ(std::memcmp(&reinterpret_cast<SRoute__InSubAdjKey *>(back.get())->ip->v4->data, v4_bytes, 4), 0);
+    ASSERT_EQ(tq_mom_key_from_text(&s_route__in_sub_adj_key__descriptor, "7|0|0||1", &raw), 0);
+    EXPECT_EQ(reinterpret_cast<SRoute__InSubAdjKey *>(own(raw).get())->ip, nullptr);
 }
 
-struct bad_text_t {
-    const ProtobufCMessageDescriptor *key;
-    const char *text;
-};
-
-const bad_text_t BAD_TEXTS[] = {
-    {&p_mpls__label_switch_index__descriptor, "1"},
-    {&p_mpls__label_switch_index__descriptor, "a|1"},
-    {&p_mpls__label_switch_index__descriptor, "4294967296|0"},
-    {&p_mpls__label_switch_index__descriptor, "-1|0"},
-    {&p_mpls__label_switch_index__descriptor, "1|2147483648"},
-    {&p_mpls__label_switch_index__descriptor, "1 |2"},
-    {&u_mpls__udp_ilm_key__descriptor, ""},
-    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v4:192.0.2.1|18446744073709551616"},
-    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v4:300.0.2.1|1"},
-    {&s_route__in_sub_adj_key__descriptor, "7|0|0|192.0.2.1|1"},
-    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v6:1:::2|1"},
-    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v6:192.0.2.1|1"},
-    {&s_route__in_sub_adj_key__descriptor, "7|0|0|v4b:abc|1"},
-};
-
 TEST(KeyText, RejectsMalformedText) {
-    for (const bad_text_t &b : BAD_TEXTS) {
+    const auto *ls = &p_mpls__label_switch_index__descriptor, *adj = &s_route__in_sub_adj_key__descriptor;
+    const std::pair<const ProtobufCMessageDescriptor *, const char *> bad[] = {
+        {ls, "1"},
+        {ls, "a|1"},
+        {ls, "4294967296|0"},
+        {ls, "-1|0"},
+        {ls, "1|2147483648"},
+        {ls, "1 |2"},
+        {&u_mpls__udp_ilm_key__descriptor, ""},
+        {adj, "7|0|0|v4:192.0.2.1|18446744073709551616"},
+        {adj, "7|0|0|v4:300.0.2.1|1"},
+        {adj, "7|0|0|192.0.2.1|1"},
+        {adj, "7|0|0|v6:1:::2|1"},
+        {adj, "7|0|0|v6:192.0.2.1|1"},
+        {adj, "7|0|0|v4b:abc|1"},
+    };
+    for (const auto &[desc, text] : bad) {
         ProtobufCMessage *out = reinterpret_cast<ProtobufCMessage *>(1);
-        EXPECT_EQ(tq_mom_key_from_text(b.key, b.text, &out), TQ_MOM_ERR_PARAM) << b.text;
-        EXPECT_EQ(out, nullptr) << b.text;
+        EXPECT_EQ(tq_mom_key_from_text(desc, text, &out), TQ_MOM_ERR_PARAM) << text;
+        EXPECT_EQ(out, nullptr) << text;
     }
     EXPECT_EQ(tq_mom_item_from_key(&u_mpls__udp_ilm__descriptor, "u_mpls.udp_ilm|x"), nullptr);
     EXPECT_EQ(tq_mom_item_from_key(&u_mpls__udp_ilm__descriptor, "u_mpls.udp_lab_sw|1"), nullptr);
 }
 
-TEST(RecordKey, KeyedAndUnkeyed) {
+TEST(RecordKey, UnkeyedTablesChannelsAndPrefixes) {
     PMpls__MomConfGlobalEnable global = P_MPLS__MOM_CONF_GLOBAL_ENABLE__INIT;
     std::string key;
     ASSERT_EQ(tq_mom_record_key(&global.base, key), 0);
-    EXPECT_EQ(key, "p_mpls.mom_conf_global_enable");
+    EXPECT_EQ(key, "p_mpls.mom_conf_global_enable");  // a table of one record
     EXPECT_NE(own(tq_mom_item_from_key(global.base.descriptor, key)), nullptr);
 
-    UMpls__UdpIlm ilm = U_MPLS__UDP_ILM__INIT;
-    EXPECT_EQ(tq_mom_record_key(&ilm.base, key), TQ_MOM_ERR_PARAM);
-    UMpls__UdpIlmKey ilm_key = U_MPLS__UDP_ILM_KEY__INIT;
-    ilm_key.in_label = 4660;
-    ilm.index = &ilm_key;
-    ASSERT_EQ(tq_mom_record_key(&ilm.base, key), 0);
-    EXPECT_EQ(key, "u_mpls.udp_ilm|4660");
-}
-
-TEST(RecordKey, ChannelAndPrefixes) {
     EXPECT_EQ(tq_mom_channel(6, &p_mpls__mom_msg_ilm__descriptor), "pub@6:p_mpls.mom_msg_ilm");
     SRoute__InSubAdj adj = S_ROUTE__IN_SUB_ADJ__INIT;
-    SRoute__InSubAdjKey key = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
-    EXPECT_EQ(tq_mom_table_prefix(&adj.base, true), "s_route.in_sub_adj|0|");  // no key yet: owner 0
-    key.t_rt_owner = 7;
-    adj.index = &key;
+    EXPECT_EQ(tq_mom_record_key(&adj.base, key), TQ_MOM_ERR_PARAM);    // keyed, but no key
+    EXPECT_EQ(tq_mom_table_prefix(&adj.base, true), "s_route.in_sub_adj|0|");  // owner 0
+    SRoute__InSubAdjKey adj_key = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
+    adj_key.t_rt_owner = 7;
+    adj.index = &adj_key;
     EXPECT_EQ(tq_mom_table_prefix(&adj.base, true), "s_route.in_sub_adj|7|");
     EXPECT_EQ(tq_mom_table_prefix(&adj.base, false), "s_route.in_sub_adj|");
 }

@@ -16,20 +16,15 @@ class redis_env_t : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!redis_server_t::available()) GTEST_SKIP() << "no redis-server binary found: these tests need a real Redis";
-        dir_ = std::make_unique<temp_dir_t>();
-        server_ = std::make_unique<redis_server_t>(dir_->path());
-        ASSERT_TRUE(server_->start()) << "redis-server did not start in " << dir_->path();
+        server_ = std::make_unique<redis_server_t>(dir_.path());
+        ASSERT_TRUE(server_->start()) << "redis-server did not start in " << dir_.path();
         setenv("MOM_REDIS", server_->mom_redis().c_str(), 1);
         cli_ = std::make_unique<redis_cli_t>(server_->socket());
         ASSERT_TRUE(cli_->ok());
         ASSERT_NE(base_ = event_base_new(), nullptr);
     }
-
+    // The client and the server go with the fixture, in that order.
     void TearDown() override {
-        cli_.reset();
-        if (server_ != nullptr) server_->stop();
-        server_.reset();
-        dir_.reset();
         if (base_ != nullptr) event_base_free(base_);
         unsetenv("MOM_REDIS");
     }
@@ -46,19 +41,15 @@ protected:
         return cond();
     }
 
-    void turn() { event_base_loop(base_, EVLOOP_NONBLOCK | EVLOOP_ONCE); }
-
-    // A field of an INFO section ("total_commands_processed", "cmdstat_eval" calls).
-    long info_number(const std::string &section, const std::string &field) {
-        std::string text = cli_->command({"INFO", section});
-        size_t at = text.find(field + ":");
-        if (at == std::string::npos) return 0;
-        at += field.size() + 1;
-        if (text.compare(at, 6, "calls=") == 0) at += 6;
-        return std::strtol(text.c_str() + at, nullptr, 10);
+    // Calls of a command so far, from INFO commandstats.
+    long calls(const std::string &cmd) {
+        std::string text = cli_->command({"INFO", "commandstats"});
+        std::string field = "cmdstat_" + cmd + ":calls=";
+        size_t at = text.find(field);
+        return at == std::string::npos ? 0 : std::strtol(text.c_str() + at + field.size(), nullptr, 10);
     }
 
-    std::unique_ptr<temp_dir_t> dir_;
+    temp_dir_t dir_;
     std::unique_ptr<redis_server_t> server_;
     std::unique_ptr<redis_cli_t> cli_;
     struct event_base *base_ = nullptr;

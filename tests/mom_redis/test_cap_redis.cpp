@@ -16,28 +16,13 @@ const char *FTN_ABILITY = "s_mpls/l3vpn/ability/ftn";
 std::vector<uint32_t> g_events;
 std::vector<std::string> g_changes;  // "event path=value"
 
-int event_cb(uint32_t event) {
-    g_events.push_back(event);
-    return 0;
-}
-
+int event_cb(uint32_t event) { return g_events.push_back(event), 0; }
 int change_cb(void *, libs_cap_msg_t *msg) {
-    g_changes.push_back(std::to_string(msg->event) + " " + msg->path + "=" + msg->value);
-    return 0;
+    return g_changes.push_back(std::to_string(msg->event) + " " + msg->path + "=" + msg->value), 0;
 }
 
 class RedisCap : public redis_env_t {
 protected:
-    void SetUp() override {
-        redis_env_t::SetUp();
-        if (IsSkipped() || HasFatalFailure()) return;
-        g_events.clear();
-        g_changes.clear();
-        ctx_ = {nullptr, base_, "test"};
-        cli_->select(4);
-        libs_cap_reset();
-        libs_cap_set_backend(libs_cap_redis_backend());
-    }
     void TearDown() override {
         libs_cap_reset();
         libs_cap_set_backend(nullptr);
@@ -47,6 +32,9 @@ protected:
 };
 
 TEST_F(RedisCap, ReadyEventGettersAndChangeCallbacks) {
+    ctx_ = {nullptr, base_, "test"};
+    cli_->select(4);
+    libs_cap_set_backend(libs_cap_redis_backend());
     cli_->command({"HSET", "capability|global", ILM_CAP, "4096", FTN_ABILITY, "true"});
     ASSERT_EQ(0, libs_cap_event_callback_reg("test", event_cb, 1));
     ASSERT_EQ(0, libs_cap_init(&ctx_, "test"));

@@ -1,13 +1,16 @@
 // Parser tables: every refusal with its code, error rows and log lines, and
-// every accepted record compared whole against one built field by field.
+// every accepted record compared whole against one built field by field; then
+// the dumps operators read, of such records.
 #include <arpa/inet.h>
 
 #include <cstring>
 #include <ctime>
 #include <functional>
 #include <map>
+#include <utility>
 #include <vector>
 
+#include "app/proc/ce_l3vpn_dump.h"
 #include "app/proc/ce_l3vpn_msg_parse.h"
 #include "foundation/zlog_capture.h"
 
@@ -17,8 +20,7 @@ using RowDelta = std::map<int, uint32_t>;
 RowDelta take_rows() {
     RowDelta d;
     for (int i = 0; i < CE_ERR_ROWS; ++i)
-        if (ce_l3vpn_err_tbl[i].count != 0) d[i] = ce_l3vpn_err_tbl[i].count;
-    for (ce_l3vpn_err_row_t &r : ce_l3vpn_err_tbl) r.count = 0;
+        if (uint32_t n = std::exchange(ce_l3vpn_err_tbl[i].count, 0)) d[i] = n;
     return d;
 }
 
@@ -130,10 +132,6 @@ Parser in_adj(Edit<InAdjWire> e) {
         return rv == 0 && id != w.idx.mplsid ? -100 : rv;
     };
 }
-int status_cnt_null(M *) {
-    ce_msg_status_cnt_t c;
-    return ce_l3vpn_msg_status_cnt_parse(&c, nullptr);
-}
 
 struct Refusal {
     const char *name;
@@ -154,7 +152,10 @@ TEST(MsgParse, RefusalsReturnTheirCodeCountTheirRowsAndLog) {
         missing("vc_ftn->index", vc([](auto &w) { w.msg.index = nullptr; })),
         missing("ilm->index", ilm([](auto &w) { w.msg.index = nullptr; })),
         missing("in_adj->labels", in_adj([](auto &w) { w.msg.labels = nullptr; })),
-        missing("StatusCnt", status_cnt_null),
+        missing("StatusCnt", [](M *) {
+            ce_msg_status_cnt_t c;
+            return ce_l3vpn_msg_status_cnt_parse(&c, nullptr);
+        }),
         {"ftn bsid", ftn([](auto &w) { w.idx.bsid = 5; }), 4, {{25, 1}},
          {"fail:ftn->index->bsid == 0 code:25 bsid = 5"}},
         // Address refusals: no address -4, no member -11, not 16 bytes -6.
@@ -296,7 +297,7 @@ uint64_t now_ms() {
 }
 
 // The wire's own timestamp is ignored: the entry is stamped when parsed.
-TEST(MsgParse, StatusCntStampsTheMonotonicClock) {
+TEST(MsgParse, StatusCntIsStampedWithTheMonotonicClockAndDumped) {
     SMpls__SrteStatusCnt msg = S_MPLS__SRTE_STATUS_CNT__INIT;
     SMpls__SrteCountIndex idx = S_MPLS__SRTE_COUNT_INDEX__INIT;
     msg.index = &idx, idx.tunnel_id = 12, msg.timestamp = 1, msg.bytes = 5000000000ull, msg.pkts = 77;
@@ -309,5 +310,68 @@ TEST(MsgParse, StatusCntStampsTheMonotonicClock) {
     memset(&want, 0, sizeof want);
     want.index = 12, want.timestamp = out.timestamp, want.bytes = 5000000000ull, want.pkts = 77;
     EXPECT_EQ(memcmp(&out, &want, sizeof out), 0);
+
+    out.timestamp = 123456789012ull;  // past 32 bits, as bytes is
+    ZlogCapture log;
+    EXPECT_EQ(ce_l3vpn_dump_msg_status_cnt(&out), 0);
+    EXPECT_TRUE(has(log.text(), "\t V4: status_cnt==>timestamp:123456789012, bytes:5000000000, pkts:77\n"));
+}
+
+// The ILM record with an IPv6 next hop and an implicit null on top.
+ce_msg_comm_t ilm_v6() {
+    ce_msg_comm_t m = ilm_expect(CE_MSG_EVENT_ADD);
+    memset(m.nhop.ip, 0, sizeof m.nhop.ip);
+    m.nhop.pro = CE_PRO_IPV6, m.nhop.ip[0] = 0xfe, m.nhop.ip[1] = 0x80, m.nhop.ip[15] = 1;
+    m.data.labels[0] = CE_MPLS_LABEL_NONE;
+    return m;
+}
+
+TEST(MsgDump, CommLogsEveryPart) {
+    ce_msg_comm_t ftn = ftn_expect(CE_MSG_EVENT_DEL), ilm = ilm_v6(), vc = vc_expect(CE_MSG_EVENT_ADD);
+    ZlogCapture log;
+    EXPECT_EQ(ce_l3vpn_dump_msg_comm(&ftn), 0);
+    EXPECT_EQ(ce_l3vpn_dump_msg_comm(&ilm), 0);
+    EXPECT_EQ(ce_l3vpn_dump_msg_comm(&vc), 0);
+    EXPECT_EQ(ce_l3vpn_dump_msg_comm(nullptr), 4);
+    std::string t = log.text();
+    const char *lines[] = {
+        "\t onwer:ftn, msg_event:del,\n",
+        "\t key==>pro:0, vrf:5, mask_len:16, ip:010.001.000.000\n",
+        "\t nhop==>pro:0, ip:010.000.000.001, ifx:7\n",
+        "\t nhop_attr==>vrf:0, ifx_type:0, weight:0, seq:0\n",
+        "\t data==>opcode:PUSH, n_label:2\n",
+        " label stack: lab0:100 lab1:200 lab2:0 ",
+        "\t onwer:ilm, msg_event:add,\n",
+        "\t key==>inlabel:100\n",
+        "\t nhop==>pro:1, ip:fe80::1, ifx:3\n",
+        "\t data==>opcode:SWAP, n_label:1\n",
+        " label stack: lab0:1048576 lab1:0 ",
+        "\t vrf:7, vc_ifx:8\n",
+        "\t onwer:vc_ftn, msg_event:add,\n",
+        "\t key==>vc_ifx:40\n",
+        "\t vc_mode:5, sd_vid:100, cw:1, vc_ifx:40\n",
+        "Fail, msg NULL, ",
+    };
+    for (const char *line : lines) EXPECT_TRUE(has(t, line));
+}
+
+TEST(MsgDump, TextIsAlignedAndBounded) {
+    ce_msg_comm_t m = ilm_v6();
+    char buf[512];
+    int n = ce_l3vpn_msg_comm_to_text(&m, buf, sizeof buf);
+    const std::string want =
+        "owner      : ilm        event : add\n"
+        "key        : inlabel 100\n"
+        "nhop       : fe80::1  pro 1  ifx 3\n"
+        "nhop_attr  : vrf 0  ifx_type 0  weight 1  seq 0\n"
+        "opcode     : SWAP (3)\n"
+        "labels     : 1 [imp-null]\n"
+        "ilm        : vrf 7  vc_ifx 8\n";
+    EXPECT_EQ(buf, want);
+    EXPECT_EQ(n, static_cast<int>(want.size()));
+    char small[20];
+    EXPECT_EQ(ce_l3vpn_msg_comm_to_text(&m, small, sizeof small), n);
+    EXPECT_EQ(std::string(small), want.substr(0, 19));
+    EXPECT_EQ(ce_l3vpn_msg_comm_to_text(&m, nullptr, 0), n);
 }
 }  // namespace
