@@ -11,12 +11,21 @@
 #include <memory>
 #include <string>
 
+#include "foundation/zlog_capture.h"
 #include "p_intf.pb-c.h"
 #include "platform/cgst/libcgstctrl.h"
 #include "route_table/ss_rt_tbl.h"
 #include "route_table/ss_rt_tbl_int.h"
 #include "support/test_mom.h"
 #include "u_mpls.pb-c.h"
+
+// What f() prints on stdout.
+template <typename F>
+std::string stdout_of(F f) {
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
+}
 
 class RtTblTest : public ::testing::TestWithParam<const char *> {
 protected:
@@ -32,6 +41,7 @@ protected:
         ss_rt_tbl_reset_for_test();
         libcgstctrl_reset();
         ctx_ = mom_->ctx();
+        ilm_.index = &ilm_key_;
     }
     void TearDown() override {
         ss_rt_tbl_reset_for_test();
@@ -55,27 +65,26 @@ protected:
                                        offsetof(PIntf__DataIntf, index), &key, sizeof key);
     }
     void init(uint32_t n) { ASSERT_EQ(0, ss_rt_tbl_init(&ctx_, "rt-test", n)); }
+    // A tbl- command with two arguments: what it prints, and its result in *rv.
     static std::string run(int (*cmd)(const ssat_args_t *), int64_t a, int64_t b, int *rv) {
         ssat_args_t args{};
         args.argc = 2;
         args.argv[0].i = a;
         args.argv[1].i = b;
-        testing::internal::CaptureStdout();
-        *rv = cmd(&args);
-        return testing::internal::GetCapturedStdout();
+        return stdout_of([&] { *rv = cmd(&args); });
     }
-    // Records of the table, or of its owner slice (mode 1), as a scan finds them.
-    size_t records(const ss_rt_tbl_t *t, uint32_t mode) {
-        size_t n = 0;
-        auto count = [](void *, tq_mom_msg_t *, void *arg) { return ++*static_cast<size_t *>(arg), 0; };
-        EXPECT_EQ(0, tq_mom_scan_sync(&ctx_, t->db, t->item, mode, count, &n));
-        return n;
+    // Writes ilm_ with the in-label given.
+    int add_ilm(ss_rt_tbl_t *t, uint32_t label) {
+        ilm_key_.in_label = label;
+        return ss_rt_tbl_add_str(t, &ilm_.base, 1, 0);
     }
     static const ss_rt_tbl_hist_t &hist(int row) { return ss_rt_tbl_hist[row]; }
 
     std::string root_;
     std::unique_ptr<test_mom_t> mom_;
     tq_global_t ctx_{};
+    UMpls__UdpIlmKey ilm_key_ = U_MPLS__UDP_ILM_KEY__INIT;
+    UMpls__UdpIlm ilm_ = U_MPLS__UDP_ILM__INIT;
 };
 
 #define RT_TBL_ON_BOTH_MOMS(suite)                                                  \

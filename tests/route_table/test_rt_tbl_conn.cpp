@@ -8,6 +8,7 @@ int on_conn() { return ++g_conn_runs, 0; }
 uint32_t g_reconn_db = 0;
 int on_reconn(uint32_t db) { return g_reconn_db = db, 0; }
 
+// Three tables on two databases: the second table of db 6 shares its connection.
 class RtTblConn : public RtTblTest {
 protected:
     void SetUp() override {
@@ -20,11 +21,16 @@ protected:
         t_[1] = intf_tbl(10);
         t_[2] = intf_tbl(6);
     }
+    void connect() {
+        ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
+        ASSERT_TRUE(mom_->settle());
+    }
     ss_rt_tbl_t *t_[3] = {};
 };
 
 TEST_P(RtTblConn, ThreeTablesOnTwoDatabasesOpenTwoConnections) {
     EXPECT_EQ(-4, ss_rt_tbl_connect_db(nullptr));
+    EXPECT_EQ(RT_ST_NULL, t_[0]->conn_st);
     ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
     EXPECT_EQ(0, g_conn_runs);  // the callbacks come from the loop
     ASSERT_TRUE(mom_->settle());
@@ -39,19 +45,15 @@ TEST_P(RtTblConn, ThreeTablesOnTwoDatabasesOpenTwoConnections) {
 TEST_P(RtTblConn, ConnectedFunctionWaitsForEveryDatabase) {
     ss_rt_tbl_ctl.conn_func = on_conn;
     ss_rt_tbl_ctl.dbg_level = RT_DBG_WARNING;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, tbl_conn_cb(&ctx_, t_[1]));
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, out.find("[WARN ]tbl_conn_cb:")) << out;
-    EXPECT_NE(std::string::npos, out.find("|not all db conn ok\n")) << out;
+    std::string out = stdout_of([&] { EXPECT_EQ(0, tbl_conn_cb(&ctx_, t_[1])); });
+    EXPECT_TRUE(has(out, "[WARN ]tbl_conn_cb:"));
+    EXPECT_TRUE(has(out, "|not all db conn ok\n"));
     EXPECT_EQ(0, g_conn_runs);
     EXPECT_EQ(0, tbl_conn_cb(&ctx_, t_[0]));
     EXPECT_EQ(1, g_conn_runs);
     // A repeated connection is counted and still reports all up.
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, tbl_conn_cb(&ctx_, t_[0]));
-    out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, out.find("|connect repeate\n")) << out;
+    out = stdout_of([&] { EXPECT_EQ(0, tbl_conn_cb(&ctx_, t_[0])); });
+    EXPECT_TRUE(has(out, "|connect repeate\n"));
     EXPECT_EQ(2, g_conn_runs);
     EXPECT_EQ(1u, hist(RT_HIST_CONN_REPEAT).count);
     EXPECT_EQ(6, hist(RT_HIST_CONN_REPEAT).data2);
@@ -59,21 +61,17 @@ TEST_P(RtTblConn, ConnectedFunctionWaitsForEveryDatabase) {
 }
 
 TEST_P(RtTblConn, LostConnectionEndsTheProcess) {
-    ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
-    ASSERT_TRUE(mom_->settle());
+    connect();
     EXPECT_EXIT(mom_->cut(10), testing::ExitedWithCode(77), "");
 }
 
 TEST_P(RtTblConn, LostConnectionOnlyLogsWithExitCleared) {
-    ASSERT_EQ(0, ss_rt_tbl_connect_db(on_conn));
-    ASSERT_TRUE(mom_->settle());
+    connect();
     ss_rt_tbl_reg_reconnect(on_reconn, 0);
     ss_rt_tbl_ctl.dbg_level = RT_DBG_BRIEF;
-    testing::internal::CaptureStdout();
-    mom_->cut(10);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, out.find("|table:0 db:10 type:1\n")) << out;
-    EXPECT_NE(std::string::npos, out.find("|conn error\n")) << out;
+    std::string out = stdout_of([&] { mom_->cut(10); });
+    EXPECT_TRUE(has(out, "|table:0 db:10 type:1\n"));
+    EXPECT_TRUE(has(out, "|conn error\n"));
     EXPECT_EQ(0u, g_reconn_db);
     mom_->restore(10);
     EXPECT_EQ(10u, g_reconn_db);

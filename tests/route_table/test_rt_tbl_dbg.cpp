@@ -18,62 +18,57 @@ std::string fmt(const char *f, ...) {
     return buf;
 }
 
-int count_of(const std::string &text, const std::string &part) {
-    int n = 0;
-    for (size_t p = text.find(part); p != std::string::npos; p = text.find(part, p + 1)) ++n;
-    return n;
-}
-
-TEST_P(RtTblDbg, LogLineFormat) {
-    ss_rt_tbl_ctl.dbg_level = RT_DBG_BRIEF;
-    testing::internal::CaptureStdout();
-    ss_rt_tbl_reg_reconnect(nullptr, 1);
-    ss_rt_tbl_reg_ds_func(nullptr);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(std::regex_match(
-        out, std::regex(R"(\[BRIEF\]ss_rt_tbl_reg_reconnect:[ 0-9]{4}\|func:\S+ is_exit:1\n)")))
-        << out;
-    EXPECT_EQ(999, ss_rt_tbl_ctl.log_cnt);
-}
-
-TEST_P(RtTblDbg, BudgetOfTwoLetsTwoLinesThrough) {
+// A budget of two lets two lines through, then nothing, not even a table block.
+TEST_P(RtTblDbg, LogLinesAndTheirBudget) {
     init(2);
     ss_rt_tbl_t *t = ilm_tbl(6);
-    testing::internal::CaptureStdout();
-    ss_rt_tbl_set_debug(RT_DBG_ALL, 2);
-    testing::internal::GetCapturedStdout();
-    testing::internal::CaptureStdout();
-    for (int i = 0; i < 4; ++i) ss_rt_tbl_reg_reconnect(nullptr, 1);
-    ss_rt_tbl_ds_begin_detail(t, 3600, 0);  // its "table:%d" block stays unprinted too
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(2, count_of(out, "\n")) << out;
-    EXPECT_EQ(2, count_of(out, "[BRIEF]ss_rt_tbl_reg_reconnect:")) << out;
+    stdout_of([] { ss_rt_tbl_set_debug(RT_DBG_ALL, 2); });
+    std::string out = stdout_of([&] {
+        for (int i = 0; i < 4; ++i) ss_rt_tbl_reg_reconnect(nullptr, 1);
+        ss_rt_tbl_ds_begin_detail(t, 3600, 0);
+    });
+    const std::string line = R"(\[BRIEF\]ss_rt_tbl_reg_reconnect:[ 0-9]{4}\|func:\S+ is_exit:1\n)";
+    EXPECT_TRUE(std::regex_match(out, std::regex(line + line))) << out;
     EXPECT_EQ(0, ss_rt_tbl_ctl.log_cnt);
-    testing::internal::CaptureStdout();
-    ss_rt_tbl_set_debug(RT_DBG_ALL, -1);
-    ss_rt_tbl_reg_reconnect(nullptr, 1);
-    out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(1, count_of(out, "[BRIEF]ss_rt_tbl_reg_reconnect:")) << out;
+    out = stdout_of([] {
+        ss_rt_tbl_set_debug(RT_DBG_ALL, -1);
+        ss_rt_tbl_reg_reconnect(nullptr, 1);
+    });
+    EXPECT_TRUE(std::regex_search(out, std::regex(R"(\n)" + line + "$"))) << out;
     EXPECT_EQ(-1, ss_rt_tbl_ctl.log_cnt);
 }
 
-TEST_P(RtTblDbg, DebugCommandClampsTheLevel) {
-    const std::string list = "\n dbg level                 name\n"
-                             "         0                CLOSE\n"
-                             "         1                ERROR\n"
-                             "         2                BRIEF\n"
-                             "         3                EVENT\n"
-                             "         4              WARNING\n"
-                             "         5                 INFO\n"
-                             "         6            HIGH FREQ\n"
-                             "         7                  ALL\n";
+// The command clamps the level; through the debug service its text is parsed.
+TEST_P(RtTblDbg, DebugCommands) {
     int rv = 1;
-    EXPECT_EQ(list + "\ndbg level       :ALL\ndbg log cnt     :-1\n", run(tbl_cmd_debug, 9, -1, &rv));
+    EXPECT_EQ("\n dbg level                 name\n"
+              "         0                CLOSE\n"
+              "         1                ERROR\n"
+              "         2                BRIEF\n"
+              "         3                EVENT\n"
+              "         4              WARNING\n"
+              "         5                 INFO\n"
+              "         6            HIGH FREQ\n"
+              "         7                  ALL\n"
+              "\ndbg level       :CLOSE\ndbg log cnt     :25\n",
+              run(tbl_cmd_debug, -3, 25, &rv));
     EXPECT_EQ(0, rv);
-    EXPECT_EQ(RT_DBG_ALL, ss_rt_tbl_ctl.dbg_level);
-    EXPECT_EQ(list + "\ndbg level       :CLOSE\ndbg log cnt     :25\n", run(tbl_cmd_debug, -3, 25, &rv));
     EXPECT_EQ(RT_DBG_CLOSE, ss_rt_tbl_ctl.dbg_level);
     EXPECT_EQ(25, ss_rt_tbl_ctl.log_cnt);
+
+    EXPECT_EQ(-1, ss_rt_tbl_ut_init(nullptr));
+    ASSERT_EQ(0, ss_rt_tbl_ut_init("rt-test-mod"));
+    std::string out;
+    EXPECT_EQ(0, ssat_run_local("rt-test-mod", "tbl-debug dbg_level:9 log_cnt:-1", out));
+    EXPECT_TRUE(has(out, "\ndbg level       :ALL\ndbg log cnt     :-1\n"));
+    EXPECT_EQ(RT_DBG_ALL, ss_rt_tbl_ctl.dbg_level);
+    EXPECT_EQ(0, ssat_run_local("rt-test-mod", "tbl-set-reconn-exit is_exit:9", out));
+    EXPECT_EQ("is_exit:9", out);
+    EXPECT_EQ(1, ss_rt_tbl_ctl.reconn_exit);
+    // A request without its arguments gets the registered format back.
+    EXPECT_EQ(-4, ssat_run_local("rt-test-mod", "tbl-show-info", out));
+    EXPECT_TRUE(has(out, "tbl-show-info is_clean:%d is_detail:%d"));
+    ssat_lib_reset();
 }
 
 std::string history_row(const char *name, int count, int history, const ss_rt_tbl_hist_t &h,
@@ -90,29 +85,28 @@ std::string expected_info(const void *global, const ss_rt_tbl_t *t, bool cleaned
                     "\ntable cur num   :1\nconn func       :(nil)\nreconn func     :(nil)"
                     "\nreconn exit     :0x1";
     s += fmt("\nglobal          :%p", global);
-    s += "\nmodule          :rt-test";
-    s += "\nvalid is_skip cgst  idx  db_name (db)     type  conn_st   sub_st cnt:add_op   "
-         "del_op   get_op  add_msg  del_msg is_batch\n";
-    s += "u_mpls.udp_ilm\n";
-    s += "    1    0    0    0  APP_FWD    6   STRING     NULL   IGNORE          3        0"
+    s += "\nmodule          :rt-test"
+         "\nvalid is_skip cgst  idx  db_name (db)     type  conn_st   sub_st cnt:add_op   "
+         "del_op   get_op  add_msg  del_msg is_batch\n"
+         "u_mpls.udp_ilm\n"
+         "    1    0    0    0  APP_FWD    6   STRING     NULL   IGNORE          3        0"
          "        0        0        0     true\n";
     s += fmt("%8s: %-10p%8s: %-10p%8s: %-10p%8s: %-10p\n", "item", (void *)t->item, "item_key",
              (void *)t->item_key, "add_func", (void *)nullptr, "del_func", (void *)nullptr);
-    s += "\nidx:1 not valid\ntable dump cnt  :1";
-    s += "\n                name    count  history    data1    data2     line    level\n";
+    s += "\nidx:1 not valid\ntable dump cnt  :1"
+         "\n                name    count  history    data1    data2     line    level\n";
     const ss_rt_tbl_hist_t *h = ss_rt_tbl_hist;
     int now = cleaned ? 0 : 1, before = cleaned ? 1 : 0;
-    s += history_row("--- tbl begin ---", 0, 0, h[0], "NULL", false);
-    s += history_row("param", now, before, h[1], "WARNING", false);
-    s += history_row("init", now, before, h[14], "ERROR", true);
-    s += history_row("--- tbl end   ---", 0, 0, h[15], "NULL", false);
-    return s;
+    return s + history_row("--- tbl begin ---", 0, 0, h[0], "NULL", false) +
+           history_row("param", now, before, h[1], "WARNING", false) +
+           history_row("init", now, before, h[14], "ERROR", true) +
+           history_row("--- tbl end   ---", 0, 0, h[15], "NULL", false);
 }
 
 TEST_P(RtTblDbg, ShowInfoCleanedTwice) {
     init(2);
     ss_rt_tbl_t *t = ilm_tbl(6);
-    for (int i = 0; i < 3; ++i) t->cnt.add_op++;
+    t->cnt.add_op = 3;
     UMpls__UdpIlm item = U_MPLS__UDP_ILM__INIT;
     EXPECT_EQ(nullptr, ss_rt_tbl_create_detail(6, 3, &item, sizeof item, 0, nullptr, 0));
     EXPECT_EQ(-11, ss_rt_tbl_init(&ctx_, "rt-test", 2));
@@ -128,38 +122,23 @@ TEST_P(RtTblDbg, SetSkipAndBatchBounds) {
     init(3);
     ss_rt_tbl_t *t = ilm_tbl(6);
     int rv = 0;
-    EXPECT_EQ("\ntbl_idx:1 is_skip:1\ntbl_idx >= tbl_cur_num:1", run(tbl_cmd_set_skip, 1, 1, &rv));
-    EXPECT_EQ(-4, rv);
-    EXPECT_EQ("\ntbl_idx:-1 is_skip:1\ntbl_idx >= tbl_cur_num:1", run(tbl_cmd_set_skip, -1, 1, &rv));
-    EXPECT_EQ(-4, rv);
+    for (int64_t idx : {1, -1}) {
+        const std::string want = "\ntbl_idx:" + std::to_string(idx) + " is_skip:1\ntbl_idx >= tbl_cur_num:1";
+        EXPECT_EQ(want, run(tbl_cmd_set_skip, idx, 1, &rv));
+        EXPECT_EQ(-4, rv);
+    }
     EXPECT_EQ(0, t->is_skip);
     std::string out = run(tbl_cmd_set_skip, 0, 5, &rv);
     EXPECT_EQ(0, rv);
     EXPECT_EQ(1, t->is_skip);
     EXPECT_EQ(0u, out.find("\ntbl_idx:0 is_skip:5\n\nvalid is_skip")) << out;
-    EXPECT_NE(std::string::npos, out.find("u_mpls.udp_ilm\n    1    1    0")) << out;
-    out = run(tbl_cmd_set_batch, 0, 0, &rv);
+    EXPECT_TRUE(has(out, "u_mpls.udp_ilm\n    1    1    0"));
+    EXPECT_TRUE(has(run(tbl_cmd_set_batch, 0, 0, &rv), "    false\n"));
     EXPECT_EQ(1u, t->set_opt);
-    EXPECT_NE(std::string::npos, out.find("    false\n")) << out;
     run(tbl_cmd_set_batch, 0, 7, &rv);
     EXPECT_EQ(0u, t->set_opt);
     EXPECT_EQ("\ntbl_idx:3 is_batch:0\ntbl_idx >= tbl_cur_num:1", run(tbl_cmd_set_batch, 3, 0, &rv));
     EXPECT_EQ(-4, rv);
-}
-
-TEST_P(RtTblDbg, CommandsReachTheDebugService) {
-    EXPECT_EQ(-1, ss_rt_tbl_ut_init(nullptr));
-    ASSERT_EQ(0, ss_rt_tbl_ut_init("rt-test-mod"));
-    std::string out;
-    EXPECT_EQ(0, ssat_run_local("rt-test-mod", "tbl-debug dbg_level:9 log_cnt:-1", out));
-    EXPECT_NE(std::string::npos, out.find("\ndbg level       :ALL\ndbg log cnt     :-1\n")) << out;
-    EXPECT_EQ(0, ssat_run_local("rt-test-mod", "tbl-set-reconn-exit is_exit:9", out));
-    EXPECT_EQ("is_exit:9", out);
-    EXPECT_EQ(1, ss_rt_tbl_ctl.reconn_exit);
-    // A request without its arguments gets the registered format back.
-    EXPECT_EQ(-4, ssat_run_local("rt-test-mod", "tbl-show-info", out));
-    EXPECT_NE(std::string::npos, out.find("tbl-show-info is_clean:%d is_detail:%d")) << out;
-    ssat_lib_reset();
 }
 
 RT_TBL_ON_BOTH_MOMS(RtTblDbg);

@@ -7,7 +7,7 @@ namespace {
 
 class RtTblReg : public RtTblTest {};
 
-TEST_P(RtTblReg, InitBounds) {
+TEST_P(RtTblReg, InitBoundsAndSecondInit) {
     const struct { uint32_t num; int rv; } cases[] = {{0, -4}, {1, 0}, {99, 0}, {100, -4}};
     for (const auto &c : cases) {
         ss_rt_tbl_reset_for_test();
@@ -18,16 +18,14 @@ TEST_P(RtTblReg, InitBounds) {
     EXPECT_EQ(-4, ss_rt_tbl_init(nullptr, "rt-test", 5));
     EXPECT_EQ(-4, ss_rt_tbl_init(&ctx_, nullptr, 5));
     EXPECT_EQ(2u, hist(RT_HIST_ASSERT).count);
-}
 
-TEST_P(RtTblReg, SecondInitKeepsTheFirstRegistry) {
+    // A second init keeps the first registry.
+    ss_rt_tbl_reset_for_test();
     init(5);
     ss_rt_tbl_t *first = ss_rt_tbl_ctl.tables;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(-11, ss_rt_tbl_init(&ctx_, "other", 7));
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_LT(out.find("[ERROR]ss_rt_tbl_init:"), out.find("|already init\n")) << out;
-    EXPECT_NE(std::string::npos, out.find("|already init\n")) << out;
+    std::string out = stdout_of([&] { EXPECT_EQ(-11, ss_rt_tbl_init(&ctx_, "other", 7)); });
+    EXPECT_EQ(0u, out.find("[ERROR]ss_rt_tbl_init:")) << out;
+    EXPECT_TRUE(has(out, "|already init\n"));
     EXPECT_EQ(first, ss_rt_tbl_ctl.tables);
     EXPECT_EQ(5u, ss_rt_tbl_ctl.tbl_max_num);
     EXPECT_STREQ("rt-test", ss_rt_tbl_ctl.module);
@@ -80,15 +78,6 @@ TEST_P(RtTblReg, CreateRefusesBadParameters) {
     EXPECT_NE(nullptr, ss_rt_tbl_create_detail(6, 1, &item, isz, isz + 100, nullptr, 0));
 }
 
-TEST_P(RtTblReg, FirstTableOfADatabaseHoldsItsConnection) {
-    init(4);
-    ss_rt_tbl_t *a = ilm_tbl(6), *b = intf_tbl(6), *c = ilm_tbl(10);
-    EXPECT_EQ(RT_ST_NULL, a->conn_st);
-    EXPECT_EQ(RT_ST_IGNORE, b->conn_st);
-    EXPECT_EQ(RT_ST_NULL, c->conn_st);
-    EXPECT_EQ(2, c->idx);
-}
-
 TEST_P(RtTblReg, HandleValidity) {
     init(4);
     ss_rt_tbl_t *t = ilm_tbl(6);
@@ -114,9 +103,7 @@ TEST_P(RtTblReg, DebugFileSetsTheStartLevel) {
         ss_rt_tbl_reset_for_test();
         std::filesystem::remove(path);
         if (c.content != nullptr) std::ofstream(path) << c.content;
-        testing::internal::CaptureStdout();
-        ASSERT_EQ(0, ss_rt_tbl_init(&ctx_, "rt-test", 3));
-        testing::internal::GetCapturedStdout();
+        stdout_of([&] { init(3); });
         EXPECT_EQ(std::pair(c.level, c.log_cnt), std::pair(ss_rt_tbl_ctl.dbg_level, ss_rt_tbl_ctl.log_cnt))
             << (c.content ? c.content : "none");
     }

@@ -6,16 +6,8 @@ namespace {
 
 struct Calls {
     int add = 0, del = 0;
-    uint32_t last_label = 0;
 };
-int on_add(void *value, void *arg) {
-    auto *c = static_cast<Calls *>(arg);
-    ++c->add;
-    auto *m = static_cast<ProtobufCMessage *>(value);
-    if (m->descriptor == &u_mpls__udp_ilm__descriptor)
-        c->last_label = reinterpret_cast<UMpls__UdpIlm *>(m)->index->in_label;
-    return 0;
-}
+int on_add(void *, void *arg) { return ++static_cast<Calls *>(arg)->add, 0; }
 int on_del(void *, void *arg) { return ++static_cast<Calls *>(arg)->del, 0; }
 
 int g_ds_runs = 0;
@@ -33,11 +25,20 @@ protected:
         tq_mom_msg_t msg{cmd, 0, value, error};
         return tbl_msg_cb(&ctx_, &msg, t);
     }
+    // Records of the table, or of its owner slice (mode 1), as a scan finds them.
+    size_t records(const ss_rt_tbl_t *t, uint32_t mode) {
+        size_t n = 0;
+        auto count = [](void *, tq_mom_msg_t *, void *arg) { return ++*static_cast<size_t *>(arg), 0; };
+        EXPECT_EQ(0, tq_mom_scan_sync(&ctx_, t->db, t->item, mode, count, &n));
+        return n;
+    }
     Calls calls_;
 };
 
 enum Value { REC, NONE, RES_NULL_VALUE, RES_ERROR };
 
+// String commands (1 set, 24, 3 del) want a string table and a record; hash
+// commands (4, 6) a hash table and a result with a value and no error.
 TEST_P(RtTblTraffic, EachCommandAgainstEachDataType) {
     struct Case {
         uint32_t cmd;
@@ -56,9 +57,6 @@ TEST_P(RtTblTraffic, EachCommandAgainstEachDataType) {
         {4, true, RES_ERROR, -11, 0, 0, 1, 0},
         {7, false, REC, 0, 0, 0, 0, 0},    {2, true, NONE, 0, 0, 0, 0, 0},
     };
-    UMpls__UdpIlmKey key = U_MPLS__UDP_ILM_KEY__INIT;
-    UMpls__UdpIlm rec = U_MPLS__UDP_ILM__INIT;
-    rec.index = &key;
     int n = 0;
     for (const Case &c : cases) {
         SCOPED_TRACE(n++);
@@ -67,9 +65,9 @@ TEST_P(RtTblTraffic, EachCommandAgainstEachDataType) {
         Calls calls;
         t->add_func = on_add, t->del_func = on_del, t->arg = &calls;
         bool hash_cmd = c.cmd == 4 || c.cmd == 6;
-        tq_mom_hash_res_t res{c.value == RES_NULL_VALUE ? nullptr : &rec.base,
+        tq_mom_hash_res_t res{c.value == RES_NULL_VALUE ? nullptr : &ilm_.base,
                               c.value == RES_ERROR ? 5u : 0u};
-        void *value = c.value == NONE ? nullptr : hash_cmd ? static_cast<void *>(&res) : &rec;
+        void *value = c.value == NONE ? nullptr : hash_cmd ? static_cast<void *>(&res) : &ilm_;
         uint32_t asserts = hist(RT_HIST_ASSERT).count;
         EXPECT_EQ(c.rv, notice(t, c.cmd, value));
         EXPECT_EQ(c.add, calls.add);
@@ -127,32 +125,27 @@ TEST_P(RtTblTraffic, DataSyncRunsWhenTheLastSubscribedTableEnds) {
 
 TEST_P(RtTblTraffic, WritesSkipAndReads) {
     ss_rt_tbl_t *t = ilm_tbl(8);
-    UMpls__UdpIlmKey key = U_MPLS__UDP_ILM_KEY__INIT;
-    UMpls__UdpIlm rec = U_MPLS__UDP_ILM__INIT;
-    rec.index = &key;
-    key.in_label = 4660;
-    rec.swap_label = 77;
-    EXPECT_EQ(0, ss_rt_tbl_add_str(t, &rec.base, 1, 0));
+    ilm_.swap_label = 77;
+    EXPECT_EQ(0, add_ilm(t, 4660));
     const std::vector<std::string> stored = {"u_mpls.udp_ilm|4660"};
     EXPECT_EQ(stored, mom_->keys(8));
     ss_rt_tbl_set_skip(t, 1);
-    key.in_label = 1;
     ss_rt_tbl_ctl.dbg_level = RT_DBG_INFO;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, ss_rt_tbl_add_str(t, &rec.base, 1, 0));
-    key.in_label = 4660;
-    EXPECT_EQ(0, ss_rt_tbl_del_str(t, &rec.base, 1, 0));
-    EXPECT_EQ(0, ss_rt_tbl_publish(t, &rec.base, 1, 0));
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, out.find("|tbl:u_mpls.udp_ilm op_cnt:2 is_skip:1\n")) << out;
-    EXPECT_NE(std::string::npos, out.find("|cnt_del_op:1 skip\n")) << out;
+    std::string out = stdout_of([&] {
+        EXPECT_EQ(0, add_ilm(t, 1));
+        ilm_key_.in_label = 4660;
+        EXPECT_EQ(0, ss_rt_tbl_del_str(t, &ilm_.base, 1, 0));
+        EXPECT_EQ(0, ss_rt_tbl_publish(t, &ilm_.base, 1, 0));
+    });
+    EXPECT_TRUE(has(out, "|tbl:u_mpls.udp_ilm op_cnt:2 is_skip:1\n"));
+    EXPECT_TRUE(has(out, "|cnt_del_op:1 skip\n"));
     EXPECT_EQ(stored, mom_->keys(8));
     ProtobufCMessage *got = nullptr;
-    EXPECT_EQ(0, ss_rt_tbl_get_str(t, &rec.base, 0, &got));  // reads even while skipped
+    EXPECT_EQ(0, ss_rt_tbl_get_str(t, &ilm_.base, 0, &got));  // reads even while skipped
     EXPECT_EQ(77u, got ? reinterpret_cast<UMpls__UdpIlm *>(got)->swap_label : 0);
     tq_mom_free(got);
     ss_rt_tbl_set_skip(t, 0);
-    EXPECT_EQ(0, ss_rt_tbl_del_str(t, &rec.base, 1, 0));
+    EXPECT_EQ(0, ss_rt_tbl_del_str(t, &ilm_.base, 1, 0));
     EXPECT_EQ(std::vector<std::string>(), mom_->keys(8));
 }
 
@@ -163,14 +156,11 @@ TEST_P(RtTblTraffic, DataSyncCycleSweepsWhatWasNotRewritten) {
     ASSERT_EQ(0, ss_rt_tbl_subscribe_detail(t, on_add, on_del, &calls_, 0));
     ASSERT_TRUE(mom_->settle());
     EXPECT_EQ(RT_ST_OK, t->sub_st);
-    UMpls__UdpIlmKey key = U_MPLS__UDP_ILM_KEY__INIT;
-    UMpls__UdpIlm rec = U_MPLS__UDP_ILM__INIT;
-    rec.index = &key;
-    for (uint32_t l : {1u, 2u, 3u}) key.in_label = l, ss_rt_tbl_add_str(t, &rec.base, 1, 0);
+    for (uint32_t l : {1u, 2u, 3u}) add_ilm(t, l);
     ASSERT_TRUE(mom_->settle());
     EXPECT_EQ(3, calls_.add);
     EXPECT_EQ(0, ss_rt_tbl_ds_begin_detail(t, 3600, 0));
-    for (uint32_t l : {1u, 3u}) key.in_label = l, ss_rt_tbl_add_str(t, &rec.base, 1, 0);
+    for (uint32_t l : {1u, 3u}) add_ilm(t, l);
     EXPECT_EQ(0, ss_rt_tbl_ds_end_detail(t, 0));
     ASSERT_TRUE(mom_->settle());
     EXPECT_EQ(1, calls_.del);
@@ -199,11 +189,11 @@ TEST_P(RtTblTraffic, OwnerSliceCycle) {
     key.t_rt_owner = 1, key.ifx = 11;
     ss_rt_tbl_add_str(owner[0], &item.base, 1, 0);
     ss_rt_tbl_ctl.dbg_level = RT_DBG_BRIEF;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, ss_rt_tbl_ds_end_detail(owner[0], 1));
-    mom_->settle();
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, out.find("|table:0 cmd:29 flag:PEXPIREDEL_OVER(DS END)(3)\n")) << out;
+    std::string out = stdout_of([&] {
+        EXPECT_EQ(0, ss_rt_tbl_ds_end_detail(owner[0], 1));
+        mom_->settle();
+    });
+    EXPECT_TRUE(has(out, "|table:0 cmd:29 flag:PEXPIREDEL_OVER(DS END)(3)\n"));
     EXPECT_EQ(1u, records(owner[0], 1));
     EXPECT_EQ(2u, records(owner[1], 1));
     EXPECT_EQ(3u, records(owner[1], 0));
