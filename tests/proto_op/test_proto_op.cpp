@@ -115,7 +115,7 @@ TEST_F(ProtoOpTest, VirtualRouteKeys) {
         auto *r = only<SRoute__VirRt>(6, &s_route__vir_rt__descriptor, &key);
         ASSERT_NE(nullptr, r);
         EXPECT_EQ(c.key, key);
-        EXPECT_EQ(3u + 2u, r->weight + r->priority);
+        EXPECT_EQ((std::vector<uint32_t>{3, 2}), (std::vector<uint32_t>{r->weight, r->priority}));
         EXPECT_EQ(P_INTF__INTFTYPE_E__UNKNOWN, r->iftype);
         ASSERT_EQ(0, ce_l3vpn_app_op_call_ef(&n.nhop, 0));
         EXPECT_TRUE(empty(6));
