@@ -1,7 +1,6 @@
 // The whole daemon over the in-memory MOM and capability store; per test the
 // start-up chain up to the first data sync, torn down again afterwards.
 #pragma once
-#include <arpa/inet.h>
 #include <event2/event.h>
 
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include "app/proc/ce_l3vpn_main.h"
 #include "app/proc/ce_l3vpn_msg_op.h"
 #include "app/proc/ce_l3vpn_wake.h"
+#include "e2e/e2e_records.h"
 #include "p_intf.pb-c.h"
 #include "p_mpls.pb-c.h"
 #include "platform/cap/libs_cap_mem.h"
@@ -19,6 +19,8 @@
 #include "platform/mom/tq_mom_name.h"
 #include "platform/ssat/ssat.h"
 #include "s_mpls.pb-c.h"
+#include "tools/l3vpn_ctl_codec.h"
+#include "tools/l3vpn_ctl_tables.h"
 
 constexpr const char *kModule = "udp-mpls-l3vpn";
 
@@ -44,72 +46,6 @@ public:
 };
 // An inline variable: registered once, whichever test files include this.
 inline ::testing::Environment *const g_daemon_env = ::testing::AddGlobalTestEnvironment(new DaemonEnv);
-
-// ---- wire records, built in place (they point into themselves) ----------------
-
-struct wire_ip_t {
-    PLibpub__Ipv4 v4 = P_LIBPUB__IPV4__INIT;
-    PLibpub__Ipv6 v6 = P_LIBPUB__IPV6__INIT;
-    PLibpub__Ip ip = P_LIBPUB__IP__INIT;
-    uint8_t bytes[16] = {};
-    explicit wire_ip_t(const char *text) {
-        if (strchr(text, ':') == nullptr) {
-            inet_pton(AF_INET, text, &v4.data);
-            ip.addr_case = P_LIBPUB__IP__ADDR_V4, ip.v4 = &v4;
-        } else {
-            inet_pton(AF_INET6, text, bytes);
-            v6.data = {16, bytes};
-            ip.addr_case = P_LIBPUB__IP__ADDR_V6, ip.v6 = &v6;
-        }
-    }
-    wire_ip_t(const wire_ip_t &) = delete;
-};
-
-template <typename Index>
-void set_labels(Index &idx, std::initializer_list<uint32_t> labels) {
-    uint32_t *slot[] = {&idx.lb_st_0, &idx.lb_st_1, &idx.lb_st_2};
-    for (uint32_t l : labels) *slot[idx.lb_cnt++] = l;
-}
-
-struct ftn_w {
-    wire_ip_t pre, nh;
-    PMpls__FtnIndex idx = P_MPLS__FTN_INDEX__INIT;
-    PMpls__MomMsgFtn msg = P_MPLS__MOM_MSG_FTN__INIT;
-    ftn_w(const char *prefix, int len, const char *nhop, uint32_t ifx, int op,
-          std::initializer_list<uint32_t> labels)
-        : pre(prefix), nh(nhop) {
-        idx.vrf_id = 5, idx.prefix = &pre.ip, idx.prefix_len = len, idx.out_ifx = ifx;
-        idx.con_nh = &nh.ip, idx.opcode = op, msg.index = &idx;
-        set_labels(idx, labels);
-    }
-};
-
-struct ilm_w {
-    wire_ip_t nh;
-    PMpls__IlmIndex idx = P_MPLS__ILM_INDEX__INIT;
-    PMpls__MomMsgIlm msg = P_MPLS__MOM_MSG_ILM__INIT;
-    ilm_w(uint32_t in_label, const char *nhop, uint32_t ifx, int op,
-          std::initializer_list<uint32_t> labels)
-        : nh(nhop) {
-        idx.in_label = in_label, idx.co_nhop = &nh.ip, idx.out_ifx = ifx, idx.opcode = op;
-        msg.index = &idx;
-        set_labels(idx, labels);
-    }
-};
-
-struct vc_ftn_w {
-    wire_ip_t nh;
-    uint32_t stack[3] = {};
-    UMpls__UdpVcFtnKey idx = U_MPLS__UDP_VC_FTN_KEY__INIT;
-    UMpls__UdpVcFtn msg = U_MPLS__UDP_VC_FTN__INIT;
-    vc_ftn_w(uint32_t vc_ifx, const char *nhop, uint32_t ifx, std::initializer_list<uint32_t> labels)
-        : nh(nhop) {
-        idx.vc_ifx = vc_ifx, idx.co_nhop = &nh.ip, idx.out_ifx = ifx;
-        msg.index = &idx, msg.opcode = CE_OP_PUSH, msg.label_stack = stack;
-        msg.vc_mode = 4, msg.sd_vid = 12, msg.cw = 1;
-        for (uint32_t l : labels) stack[msg.n_label_stack++] = l;
-    }
-};
 
 // ---- the fixture ------------------------------------------------------------------
 
@@ -158,18 +94,35 @@ protected:
     }
 
     int dispatch() { return mom_mem_dispatch_all(mom_); }
-    // Writes or deletes an input record and lets the daemon see it.
-    void put(uint32_t db, const ProtobufCMessage *m) { ASSERT_EQ(0, tq_mom_set_sync(g_ctx, db, m)); dispatch(); }
-    void drop(uint32_t db, const ProtobufCMessage *m) { ASSERT_EQ(0, tq_mom_del_sync(g_ctx, db, m)); dispatch(); }
-    uint32_t entries(uint32_t owner) const { return ce_app_node_db_get_owner_db(owner)->tbl.count; }
-    // A record with only its key set, from its key text; kept alive by the fixture.
-    template <typename T>
-    T *keyed(const ProtobufCMessageDescriptor *d, const std::string &key) {
-        held_.emplace_back(tq_mom_item_from_key(d, std::string(d->name) + "|" + key));
-        EXPECT_NE(nullptr, held_.back()) << key;
-        return reinterpret_cast<T *>(held_.back().get());
+    // An input record decoded from its JSON line as l3vpn-ctl reads it; kept
+    // alive by the fixture.
+    ProtobufCMessage *wire(const json &rec) {
+        ProtobufCMessage *m = nullptr;
+        std::string err;
+        EXPECT_EQ(0, ctl_json_to_msg(tbl(rec)->desc, ctl_json::parse(rec.dump()), {"table"}, arena_, &m, err))
+            << err;
+        return m;
     }
+    static const ctl_tbl_t *tbl(const json &rec) { return ctl_tbl_find(rec["table"].get<std::string>()); }
+    // Writes a record into its table's database, as a hash where the table keeps hashes.
+    void store(const json &rec) {
+        const ctl_tbl_t *t = tbl(rec);
+        ProtobufCMessage *m = wire(rec);
+        ASSERT_EQ(0, t->type == CTL_TBL_HASH ? tq_mom_hmset_sync(g_ctx, t->db, m)
+                                             : tq_mom_set_sync(g_ctx, t->db, m));
+    }
+    // Writes or deletes an input record and lets the daemon see it.
+    void put(const json &rec) {
+        store(rec);
+        dispatch();
+    }
+    void drop(const json &rec) {
+        ASSERT_EQ(0, tq_mom_del_sync(g_ctx, tbl(rec)->db, wire(rec)));
+        dispatch();
+    }
+    uint32_t entries(uint32_t owner) const { return ce_app_node_db_get_owner_db(owner)->tbl.count; }
 
+    ctl_arena_t arena_;
     bool up_ = true;  // run the whole start-up chain in SetUp
 };
 

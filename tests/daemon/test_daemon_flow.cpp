@@ -9,30 +9,24 @@ using strs = std::vector<std::string>;
 using u32s = std::vector<uint32_t>;
 
 TEST_F(DaemonTest, EveryInputReachesItsHandlerAndEndsAsOutputRecords) {
-    PMpls__MomConfGlobalEnable mpls = P_MPLS__MOM_CONF_GLOBAL_ENABLE__INIT;
-    mpls.mpls_enable = 1;
-    PMpls__MomConfVpnTtl ttl = P_MPLS__MOM_CONF_VPN_TTL__INIT;
-    ttl.vpn_ttl_enable = 1;
-    auto *ls = keyed<PMpls__MomConfLabelSwitch>(&p_mpls__mom_conf_label_switch__descriptor, "33|0");
-    ls->enable = 2;  // any non-zero value switches it on
-    ftn_w ftn("192.0.2.0", 24, "10.1.1.1", 7, CE_OP_PUSH, {100});
-    vc_ftn_w vc(40, "10.1.1.3", 9, {300, 301});
-    ilm_w ilm(0x12345, "10.1.1.2", 8, CE_OP_SWAP, {200});
-    struct step_t {
-        uint32_t db;
-        const ProtobufCMessage *rec;
+    const struct {
+        json rec;
         ce_l3vpn_err_code_t add_row, del_row;
-    } const steps[] = {
-        {4, &mpls.base, CE_ERR_MPLS_ENABLE, CE_ERR_MPLS_DISABLE},
-        {4, &ttl.base, CE_ERR_TTL_COPY_ENABLE, CE_ERR_TTL_COPY_DISABLE},
-        {4, &ls->base, CE_ERR_LAB_SW_ENABLE, CE_ERR_LAB_SW_DISABLE},
-        {6, &ftn.msg.base, CE_ERR_FTN_ADD, CE_ERR_FTN_DEL},
-        {6, &vc.msg.base, CE_ERR_VC_FTN_ADD, CE_ERR_VC_FTN_DEL},
-        {6, &ilm.msg.base, CE_ERR_ILM_ADD, CE_ERR_ILM_DEL},
+    } steps[] = {
+        {{{"table", "p_mpls.mom_conf_global_enable"}, {"mpls_enable", true}}, CE_ERR_MPLS_ENABLE,
+         CE_ERR_MPLS_DISABLE},
+        {{{"table", "p_mpls.mom_conf_vpn_ttl"}, {"vpn_ttl_enable", true}}, CE_ERR_TTL_COPY_ENABLE,
+         CE_ERR_TTL_COPY_DISABLE},
+        // Any non-zero value switches it on.
+        {{{"table", "p_mpls.mom_conf_label_switch"}, {"index", {{"ifx", 33}}}, {"enable", 2}},
+         CE_ERR_LAB_SW_ENABLE, CE_ERR_LAB_SW_DISABLE},
+        {e2e_ftn(5, "192.0.2.0", 24, 7, "10.1.1.1", {100}), CE_ERR_FTN_ADD, CE_ERR_FTN_DEL},
+        {e2e_vc_ftn(40, "10.1.1.3", 9, {300, 301}, 4, 12, 1), CE_ERR_VC_FTN_ADD, CE_ERR_VC_FTN_DEL},
+        {e2e_ilm(0x12345, "10.1.1.2", 8, {200}, CE_OP_SWAP), CE_ERR_ILM_ADD, CE_ERR_ILM_DEL},
     };
-    for (const step_t &s : steps) {
-        put(s.db, s.rec);
-        EXPECT_EQ(1u, rows(s.add_row)) << s.rec->descriptor->name;
+    for (const auto &s : steps) {
+        put(s.rec);
+        EXPECT_EQ(1u, rows(s.add_row)) << s.rec["table"];
     }
     EXPECT_EQ(0u, rows(CE_ERR_APP_GET_RV));
     EXPECT_EQ((strs{"u_mpls.udp_lab_sw|33", "u_mpls.udp_mpls_enable", "u_mpls.udp_ttl_copy_enable"}),
@@ -56,64 +50,73 @@ TEST_F(DaemonTest, EveryInputReachesItsHandlerAndEndsAsOutputRecords) {
     ASSERT_NE(fe_ilm, nullptr);
     EXPECT_EQ(200u, fe_ilm->swap_label);
 
-    for (const step_t &s : steps) {
-        drop(s.db, s.rec);
-        EXPECT_EQ(1u, rows(s.del_row)) << s.rec->descriptor->name;
+    for (const auto &s : steps) {
+        drop(s.rec);
+        EXPECT_EQ(1u, rows(s.del_row)) << s.rec["table"];
     }
     for (uint32_t db : {6u, 8u, 10u}) EXPECT_TRUE(mom_mem_keys(mom_, db).empty()) << db;
     EXPECT_EQ(strs{"p_mpls.mom_conf_fwd_ability"}, mom_mem_keys(mom_, 4));
 }
 
 // A record that does not parse is refused; one that parses but fails its check
-// still succeeds for the table client. Either way nothing is added.
+// still succeeds for the table client. Either way nothing is added, and the
+// refusal's log line says why.
 TEST_F(DaemonTest, RefusedAddsLeaveNoTrace) {
-    ftn_w bsid("192.0.2.0", 24, "10.1.1.1", 7, CE_OP_PUSH, {100});
-    bsid.idx.bsid = 9;
-    ilm_w wide(0x100000, "10.1.1.2", 8, CE_OP_SWAP, {200});  // in-label beyond 20 bits
-    ftn_w swap("192.0.2.0", 24, "10.1.1.1", 7, CE_OP_SWAP, {100});
-    ftn_w zero_nh("192.0.2.0", 24, "0.0.0.0", 5, CE_OP_SWAP, {100});  // next hop before opcode
-    vc_ftn_w vc_pop(40, "10.1.1.3", 9, {});
-    vc_pop.msg.opcode = CE_OP_POP;
-    ilm_w swap_push(500, "10.1.1.2", 8, CE_OP_SWAP_PUSH, {200});
-    ilm_w l2_pop(501, "0.0.0.0", 0, CE_OP_POP_L2SWITCH, {});  // no vc_ifx
+    json bsid = e2e_ftn(5, "192.0.2.0", 24, 7, "10.1.1.1", {100});
+    bsid["index"]["bsid"] = 9;
+    json vc_pop = e2e_vc_ftn(40, "10.1.1.3", 9, {});
+    vc_pop["opcode"] = CE_OP_POP;
     const struct {
-        const ProtobufCMessage *rec;
+        json rec;
         ss_rt_tbl_func_t add;
         int rv;
         ce_l3vpn_err_code_t row;
+        const char *log;
     } cases[] = {
-        {&bsid.msg.base, ce_l3_ftn_add, CE_MSG_PARSE_INVALID, CE_ERR_APP_GET_RV},
-        {&wide.msg.base, ce_l3_ilm_add, CE_MSG_PARSE_INVALID, CE_ERR_APP_GET_RV},
-        {&swap.msg.base, ce_l3_ftn_add, 0, CE_ERR_OPCODE},
-        {&zero_nh.msg.base, ce_l3_ftn_add, 0, CE_ERR_NHOP_EMPTY},
-        {&vc_pop.msg.base, ce_l3_vc_ftn_add, 0, CE_ERR_OPCODE},
-        {&swap_push.msg.base, ce_l3_ilm_add, 0, CE_ERR_LABEL_DEPTH},
-        {&l2_pop.msg.base, ce_l3_ilm_add, 0, CE_ERR_VC_IFX_ZERO},
+        {bsid, ce_l3_ftn_add, CE_MSG_PARSE_INVALID, CE_ERR_APP_GET_RV,
+         "fail:ftn->index->bsid == 0 code:25 bsid = 9\n"},
+        // In-label beyond 20 bits.
+        {e2e_ilm(0x100000, "10.1.1.2", 8, {200}, CE_OP_SWAP), ce_l3_ilm_add, CE_MSG_PARSE_INVALID,
+         CE_ERR_LABEL_INVALID,
+         "fail:SS_MPLS_CHECK_LABEL_VALID(ilm->index->in_label) code:24 in_labels:1048576\n"},
+        {e2e_ftn(5, "192.0.2.0", 24, 7, "10.1.1.1", {100}, CE_OP_SWAP), ce_l3_ftn_add, 0, CE_ERR_OPCODE,
+         "fail:mpls_is_opcode_with_ftn(data->opcode) code:26 3\n"},
+        // The next hop is checked before the opcode.
+        {e2e_ftn(5, "192.0.2.0", 24, 5, "0.0.0.0", {100}, CE_OP_SWAP), ce_l3_ftn_add, 0,
+         CE_ERR_NHOP_EMPTY,
+         "fail:mpls_is_ip_zero(&ftn->nhop.nh_ip, ftn->nhop.pro) == false && ftn->nhop.nh_ifx != 0 code:27 \n"},
+        {vc_pop, ce_l3_vc_ftn_add, 0, CE_ERR_OPCODE,
+         "fail:mpls_is_opcode_with_vc_ftn(data->opcode) code:26 2\n"},
+        {e2e_ilm(500, "10.1.1.2", 8, {200}, CE_OP_SWAP_PUSH), ce_l3_ilm_add, 0, CE_ERR_LABEL_DEPTH,
+         "fail:data->n_labels > 1 code:23 opcode with more than 1 label\n"},
+        // No vc_ifx.
+        {e2e_ilm(501, "0.0.0.0", 0, {}, CE_OP_POP_L2SWITCH), ce_l3_ilm_add, 0, CE_ERR_VC_IFX_ZERO,
+         "fail:data->vc_ifx != 0 code:29 \n"},
     };
     for (const auto &c : cases) {
-        EXPECT_EQ(c.rv, c.add(const_cast<ProtobufCMessage *>(c.rec), nullptr)) << c.row;
-        EXPECT_EQ(1u, rows(c.row)) << c.row;
-        EXPECT_EQ(1u, rows(CE_ERR_APP_GET_RV)) << c.row;
+        SCOPED_TRACE(c.log);
+        EXPECT_EQ(c.rv, c.add(wire(c.rec), nullptr));
+        EXPECT_EQ(1u, rows(c.row));
+        EXPECT_EQ(1u, rows(CE_ERR_APP_GET_RV));
         // The handler's own row counts only what parses.
-        EXPECT_EQ(c.rv == 0 ? 1u : 0u, rows(CE_ERR_FTN_ADD) + rows(CE_ERR_VC_FTN_ADD) + rows(CE_ERR_ILM_ADD))
-            << c.row;
+        EXPECT_EQ(c.rv == 0 ? 1u : 0u, rows(CE_ERR_FTN_ADD) + rows(CE_ERR_VC_FTN_ADD) + rows(CE_ERR_ILM_ADD));
         EXPECT_EQ(0u, entries(CE_OWNER_FTN) + entries(CE_OWNER_VC_FTN) + entries(CE_OWNER_ILM));
+        EXPECT_TRUE(has(take_log(), c.log));
         clear_rows();
     }
     EXPECT_TRUE(mom_mem_keys(mom_, 6).empty() && mom_mem_keys(mom_, 10).empty());
-    EXPECT_TRUE(has(take_log(), "fail:mpls_is_opcode_with_ftn(data->opcode) code:26 3"));
 }
 
 TEST_F(DaemonTest, DeleteIsNeverChecked) {
-    ilm_w ilm(500, "10.1.1.2", 8, CE_OP_SWAP_PUSH, {200});  // one label: refused on add
-    put(6, &ilm.msg.base);
+    const json ilm = e2e_ilm(500, "10.1.1.2", 8, {200}, CE_OP_SWAP_PUSH);  // one label: refused on add
+    put(ilm);
     ASSERT_EQ(0u, entries(CE_OWNER_ILM));
     ce_msg_comm_t m;  // the same entry in place, as an earlier run left it
-    ASSERT_EQ(0, ce_l3vpn_msg_ilm_parse(&m, &ilm.msg, 1));
+    ASSERT_EQ(0, ce_l3vpn_msg_ilm_parse(&m, reinterpret_cast<PMpls__MomMsgIlm *>(wire(ilm)), 1));
     ASSERT_EQ(0, ce_l3vpn_app_add(&m));
     ASSERT_EQ(1u, entries(CE_OWNER_ILM));
     clear_rows();
-    drop(6, &ilm.msg.base);
+    drop(ilm);
     EXPECT_EQ(1u, rows(CE_ERR_ILM_DEL));
     EXPECT_EQ(0u, rows(CE_ERR_LABEL_DEPTH) + rows(CE_ERR_APP_GET_RV));
     EXPECT_EQ(0u, entries(CE_OWNER_ILM));
@@ -121,12 +124,12 @@ TEST_F(DaemonTest, DeleteIsNeverChecked) {
 }
 
 TEST_F(DaemonTest, Ipv4MappedNextHopIsConvertedForAddsAndDeletes) {
-    ftn_w ftn("192.0.2.0", 24, "::ffff:10.1.1.1", 7, CE_OP_PUSH, {100});
-    put(6, &ftn.msg.base);
+    const json ftn = e2e_ftn(5, "192.0.2.0", 24, 7, "::ffff:10.1.1.1", {100});
+    put(ftn);
     ASSERT_EQ(1u, keys(6, kCommRt).size());
     EXPECT_TRUE(has(keys(6, kCommRt)[0], "|7|v4:10.1.1.1|"));
     EXPECT_TRUE(has(take_log(), "nhop is ipv4-mapped-ipv6 ::ffff:10.1.1.1, convert to ipv4"));
-    drop(6, &ftn.msg.base);  // the delete finds the IPv4 next hop
+    drop(ftn);  // the delete finds the IPv4 next hop
     EXPECT_EQ(0u, entries(CE_OWNER_FTN));
     EXPECT_TRUE(keys(6, kCommRt).empty());
 }

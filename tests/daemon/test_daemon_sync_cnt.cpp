@@ -12,38 +12,35 @@ uint64_t mpls_id(uint32_t high, uint32_t low) { return (uint64_t{high} << 32) | 
 std::string id_text(uint32_t high, uint32_t low) { return std::to_string(mpls_id(high, low)); }
 
 // An inner adjacency as an earlier run left it.
-struct adj_w {
-    wire_ip_t ip{"127.0.0.1"};
-    uint32_t labels[1];
-    SRoute__InSubAdjKey idx = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
-    SRoute__InSubAdj msg = S_ROUTE__IN_SUB_ADJ__INIT;
-    adj_w(uint32_t rt_owner, uint64_t id, int op, uint32_t label) : labels{label} {
-        idx.t_rt_owner = rt_owner, idx.ip = &ip.ip, idx.mplsid = id;
-        msg.index = &idx, msg.opcode = op, msg.n_labels = 1, msg.labels = labels;
-    }
-};
+json adj(uint32_t rt_owner, uint64_t id, int op, uint32_t label) {
+    return {{"table", "s_route.in_sub_adj"},
+            {"index", {{"t_rt_owner", rt_owner}, {"ip", "127.0.0.1"}, {"mplsid", id}}},
+            {"opcode", op},
+            {"labels", {label}}};
+}
+
+// A stale FTN route of a route owner, naming the stale adjacency.
+json old_rt(uint32_t rt_owner) {
+    return {{"table", "s_route.comm_rt"},
+            {"index", {{"t_rt_owner", rt_owner}, {"vrf", 5}, {"ip", "198.51.100.0"}, {"mask_len", 24},
+                       {"nh_ifx", 7}, {"nh_ip", "10.1.1.1"}, {"tnl_dip", "127.0.0.1"},
+                       {"mpls_id", mpls_id(5, 4)}}}};
+}
 
 TEST_F(DaemonColdTest, DataSyncKeepsRecoveredIdsAndSweepsTheRest) {
     wake();
-    UMpls__UdpTtlCopyEnable ttl_out = U_MPLS__UDP_TTL_COPY_ENABLE__INIT;
-    ttl_out.enable = 1;
-    adj_w live(CE_RT_OWNER_FTN, mpls_id(5, 3), CE_OP_PUSH, 100);
-    adj_w stale(CE_RT_OWNER_FTN, mpls_id(5, 4), CE_OP_PUSH, 300);
-    adj_w ilm_adj(CE_RT_OWNER_ILM, mpls_id(2, 9), CE_OP_SWAP, 200);
-    // FTN routes, ours and another owner's: owner|vrf|prefix|mask|nh_ifx|nh_ip|tnl_ifx|tnl_dip|mpls_id
-    const std::string old_rt = "|5|v4:198.51.100.0|24|7|v4:10.1.1.1|0|v4:127.0.0.1|" + id_text(5, 4);
-    ftn_w ftn("192.0.2.0", 24, "10.1.1.1", 7, CE_OP_PUSH, {100});
-    ilm_w ilm(1000, "10.1.1.2", 8, CE_OP_SWAP, {200});
-    PMpls__MomConfVpnTtl ttl_in = P_MPLS__MOM_CONF_VPN_TTL__INIT;
-    ttl_in.vpn_ttl_enable = 1;
-    const std::pair<uint32_t, const ProtobufCMessage *> earlier[] = {
-        {8, &ttl_out.base}, {10, &live.msg.base}, {10, &stale.msg.base}, {10, &ilm_adj.msg.base},
-        {6, &keyed<SRoute__CommRt>(kCommRt, "1" + old_rt)->base},
-        {6, &keyed<SRoute__CommRt>(kCommRt, "2" + old_rt)->base},
-        {6, &ftn.msg.base}, {6, &ilm.msg.base}, {4, &ttl_in.base},
+    const json earlier[] = {
+        {{"table", "u_mpls.udp_ttl_copy_enable"}, {"enable", true}},
+        adj(CE_RT_OWNER_FTN, mpls_id(5, 3), CE_OP_PUSH, 100),
+        adj(CE_RT_OWNER_FTN, mpls_id(5, 4), CE_OP_PUSH, 300),  // stale
+        adj(CE_RT_OWNER_ILM, mpls_id(2, 9), CE_OP_SWAP, 200),
+        e2e_ftn(5, "192.0.2.0", 24, 7, "10.1.1.1", {100}),
+        e2e_ilm(1000, "10.1.1.2", 8, {200}, CE_OP_SWAP),
+        {{"table", "p_mpls.mom_conf_vpn_ttl"}, {"vpn_ttl_enable", true}},
+        old_rt(1),
+        old_rt(2),  // not ours
     };
-    for (const auto &[db, rec] : earlier) ASSERT_EQ(0, tq_mom_set_sync(g_ctx, db, rec));
-
+    for (const json &rec : earlier) store(rec);
     ready();  // subscriptions, end markers, then the sync
 
     // Rewritten with their recovered ids, the TTL switch applied first; the
@@ -52,6 +49,7 @@ TEST_F(DaemonColdTest, DataSyncKeepsRecoveredIdsAndSweepsTheRest) {
     const std::string ftn_adj = "1|0|0|v4:127.0.0.1|" + id_text(5, 3);
     EXPECT_EQ((strs{ftn_adj, "7|0|0|v4:127.0.0.1|" + id_text(2, 9)}), keys(10, kAdj));
     EXPECT_EQ(0u, get<SRoute__InSubAdj>(10, kAdj, ftn_adj)->ttl);
+    // owner|vrf|prefix|mask|nh_ifx|nh_ip|tnl_ifx|tnl_dip|mpls_id
     EXPECT_EQ(strs{"1|5|v4:192.0.2.0|24|7|v4:10.1.1.1|0|v4:127.0.0.1|" + id_text(5, 3)},
               keys(6, kCommRt, "1"));
     EXPECT_EQ(1u, keys(6, kCommRt, "2").size());  // not ours: kept
@@ -61,8 +59,7 @@ TEST_F(DaemonColdTest, DataSyncKeepsRecoveredIdsAndSweepsTheRest) {
     ASSERT_NE(fe_ilm, nullptr);
     EXPECT_TRUE(fe_ilm->ttl_copy);
 
-    ftn_w fresh("192.0.2.0", 24, "10.1.1.9", 7, CE_OP_PUSH, {400});
-    put(6, &fresh.msg.base);  // the new id lies above every recovered one
+    put(e2e_ftn(5, "192.0.2.0", 24, 7, "10.1.1.9", {400}));  // the new id lies above every recovered one
     EXPECT_EQ((strs{ftn_adj, "1|0|0|v4:127.0.0.1|" + id_text(6, 1)}), keys(10, kAdj, "1"));
 }
 
@@ -71,29 +68,20 @@ TEST_F(DaemonColdTest, DataSyncKeepsRecoveredIdsAndSweepsTheRest) {
 class CounterTest : public DaemonTest {
 protected:
     void service_class(uint32_t tunnel) {
-        put(6, &keyed<PMpls__MomConfTeTunServiceClass>(&p_mpls__mom_conf_te_tun_service_class__descriptor,
-                                                       std::to_string(tunnel))->base);
+        put({{"table", "p_mpls.mom_conf_te_tun_service_class"}, {"index", {{"ifindex", tunnel}}}});
     }
-    PIntf__DataIntf *data_if_rec(uint32_t ifx, int32_t flag) {
-        auto *d = keyed<PIntf__DataIntf>(&p_intf__data_intf__descriptor, std::to_string(ifx));
-        d->statis_flag = flag;
-        return d;
-    }
-    void data_if(uint32_t ifx, int32_t flag, bool add = true) {
-        const ProtobufCMessage *d = &data_if_rec(ifx, flag)->base;
-        ASSERT_EQ(0, add ? tq_mom_hmset_sync(g_ctx, 4, d) : tq_mom_del_sync(g_ctx, 4, d));
-        dispatch();
+    static json data_if(uint32_t ifx, int32_t flag) {
+        return {{"table", "p_intf.data_intf"}, {"index", {{"index", ifx}}}, {"statis_flag", flag}};
     }
     void increment(uint32_t tunnel, uint64_t bytes, uint64_t pkts) {
-        auto *st = keyed<SMpls__SrteStatusCnt>(&s_mpls__srte_status_cnt__descriptor,
-                                               std::to_string(tunnel) + "|0");
-        st->bytes = bytes, st->pkts = pkts;
-        put(10, &st->base);
+        put({{"table", "s_mpls.srte_status_cnt"},
+             {"index", {{"tunnel_id", tunnel}}},
+             {"bytes", bytes},
+             {"pkts", pkts}});
     }
     void clear_request(uint32_t ifx, bool clear) {
-        auto *ev = keyed<PIntf__EvtIfclearcnt>(&p_intf__evt_ifclearcnt__descriptor, std::to_string(ifx));
-        ev->clear_count = clear;
-        ASSERT_EQ(0, tq_mom_publish(g_ctx, 4, &ev->base, 1, 0));
+        json ev = {{"table", "p_intf.evt_ifclearcnt"}, {"index", {{"index", ifx}}}, {"clear_count", clear}};
+        ASSERT_EQ(0, tq_mom_publish(g_ctx, 4, wire(ev), 1, 0));
         dispatch();
     }
     UMpls__UdpSrteCnt *published(uint32_t tunnel) {
@@ -103,9 +91,9 @@ protected:
 };
 
 TEST_F(CounterTest, IncrementsWithoutServiceClassOrStatisticsAreDropped) {
-    data_if(100, 1);  // no service class
+    put(data_if(100, 1));  // no service class
     service_class(101);
-    data_if(101, 0);  // statistics off
+    put(data_if(101, 0));  // statistics off
     service_class(102);  // no data interface at all
     for (uint32_t tunnel : {100u, 101u, 102u}) increment(tunnel, 1000, 10);
     EXPECT_EQ(3u, rows(CE_ERR_STATUS_CNT));
@@ -118,7 +106,7 @@ TEST_F(CounterTest, IncrementsWithoutServiceClassOrStatisticsAreDropped) {
 
 TEST_F(CounterTest, AccumulatesPublishesClearsAndRepublishes) {
     service_class(200);
-    data_if(200, 1);
+    put(data_if(200, 1));
     increment(200, 1000, 10);
     increment(200, 500, 5);
     const ce_msg_status_cnt_t *e = ce_l3vpn_cnt_find(200);
@@ -139,23 +127,19 @@ TEST_F(CounterTest, AccumulatesPublishesClearsAndRepublishes) {
 
     // Statistics switched off: zeroed and withdrawn. Straight to the handler:
     // a hash update never carries a field whose value is 0.
-    EXPECT_EQ(0, ce_l3_data_if_flag_add(data_if_rec(200, 0), nullptr));
+    EXPECT_EQ(0, ce_l3_data_if_flag_add(wire(data_if(200, 0)), nullptr));
     EXPECT_EQ(nullptr, published(200));
     EXPECT_EQ(0u, e->enable + e->bytes);
 }
 
 TEST_F(CounterTest, ReloadAfterRestartOnlyIntoEnabledEntries) {
     for (uint32_t tunnel : {300u, 301u}) {
-        UMpls__UdpSrteCntIndex idx = U_MPLS__UDP_SRTE_CNT_INDEX__INIT;
-        idx.tunnel_id = tunnel;
-        UMpls__UdpSrteCnt cnt = U_MPLS__UDP_SRTE_CNT__INIT;
-        cnt.timestamp = 77, cnt.bytes = 500, cnt.pkts = 5;
-        UMpls__UdpSrteStatusCnt rec = U_MPLS__UDP_SRTE_STATUS_CNT__INIT;
-        rec.index = &idx, rec.v4_cnt = &cnt;
-        ASSERT_EQ(0, tq_mom_set_sync(g_ctx, 10, &rec.base));
+        store({{"table", "u_mpls.udp_srte_status_cnt"},
+               {"index", {{"tunnel_id", tunnel}}},
+               {"v4_cnt", {{"timestamp", 77}, {"bytes", 500}, {"pkts", 5}}}});
         service_class(tunnel);
     }
-    data_if(300, 1);  // 301 has no data interface: not counting
+    put(data_if(300, 1));  // 301 has no data interface: not counting
     ce_l3vpn_cnt_maps_free();  // the restart
     ce_l3vpn_cnt_maps_init();
     take_log();
@@ -170,7 +154,7 @@ TEST_F(CounterTest, ReloadAfterRestartOnlyIntoEnabledEntries) {
 
 TEST_F(CounterTest, TimerPublishesInterfaceCounters) {
     service_class(400);
-    data_if(400, 1);
+    put(data_if(400, 1));
     increment(400, 64, 2);
     ce_msg_status_cnt_t *e = ce_l3vpn_cnt_find(400);
     const uint64_t stamp = e->timestamp;
@@ -186,7 +170,7 @@ TEST_F(CounterTest, TimerPublishesInterfaceCounters) {
     EXPECT_EQ(0, ce_l3_status_cnt_timer_cb(nullptr));
     EXPECT_GT(get<PIntf__DataIfCounters>(4, kIfCnt, "400")->if_cnt->timestamp, 1000u);
 
-    data_if(400, 0, false);  // interface gone: both records withdrawn
+    drop(data_if(400, 0));  // interface gone: both records withdrawn
     EXPECT_EQ(nullptr, get<PIntf__DataIfCounters>(4, kIfCnt, "400"));
     EXPECT_EQ(nullptr, published(400));
 }

@@ -1,8 +1,5 @@
-// Redundancy wake-up and reconnection, and the debug commands over the socket.
-#include <atomic>
-#include <chrono>
+// Redundancy wake-up and reconnection, and the debug commands.
 #include <cstdio>
-#include <thread>
 
 #include "daemon/daemon_fixture.h"
 
@@ -25,8 +22,7 @@ TEST_F(DaemonColdTest, ReadySetUpRunsOnceWhenAllFourDatabasesReport) {
 
     // State made after the set-up that a second set-up would reset.
     ce_l3vpn_cap_tbl[CE_CAP_ILM].cur_int32 = 7;
-    ilm_w ilm(100, "10.1.1.2", 8, CE_OP_SWAP, {200});
-    ASSERT_EQ(0, ce_l3_ilm_add(&ilm.msg, nullptr));
+    ASSERT_EQ(0, ce_l3_ilm_add(wire(e2e_ilm(100, "10.1.1.2", 8, {200}, CE_OP_SWAP)), nullptr));
     const tq_timer_t *timer = ce_l3vpn_cnt_timer;
 
     for (uint32_t db : {10u, 4u}) mom_mem_conn_back(mom_, db);  // repeated reports
@@ -52,19 +48,10 @@ std::string fmt(const char *f, A... a) {
 
 class DbgTest : public DaemonTest {
 protected:
-    // One request over the daemon's socket, its loop turned meanwhile.
+    // One request, run in process: the socket path is the end-to-end tests' part.
     std::string cmd(const std::string &line) {
         std::string out;
-        int rc = 1;
-        std::atomic<bool> done{false};
-        std::thread client([&] { rc = ssat_client_request(kModule, line, out, 10000), done = true; });
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!done && std::chrono::steady_clock::now() < end) {
-            event_base_loop(tq_global_master(g_ctx), EVLOOP_NONBLOCK);
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        client.join();
-        EXPECT_EQ(0, rc) << line;
+        EXPECT_GE(ssat_run_local(kModule, line.c_str(), out), 0) << line;
         return out;
     }
     static std::string level_listing(int level) {
@@ -83,11 +70,10 @@ TEST_F(DbgTest, DebugClampsTheLevelAndListsTheLevels) {
 }
 
 TEST_F(DbgTest, ShowInfoCleanMovesCountsIntoHistory) {
-    ftn_w ftn("192.0.2.0", 24, "10.1.1.1", 7, CE_OP_PUSH, {100});
-    put(6, &ftn.msg.base);
-    ftn_w bad("192.0.2.0", 25, "10.1.1.1", 7, CE_OP_PUSH, {100});
-    bad.idx.bsid = 1;
-    put(6, &bad.msg.base);
+    put(e2e_ftn(5, "192.0.2.0", 24, 7, "10.1.1.1", {100}));
+    json bad = e2e_ftn(5, "192.0.2.0", 25, 7, "10.1.1.1", {100});
+    bad["index"]["bsid"] = 1;
+    put(bad);
     const int ftn_line = ce_l3vpn_err_tbl[CE_ERR_FTN_ADD].line;
     const int rv_line = ce_l3vpn_err_tbl[CE_ERR_APP_GET_RV].line;
     auto row = [](const char *name, int count, int history, int line, const char *lvl) {
@@ -117,8 +103,7 @@ TEST_F(DbgTest, ShowInfoCleanMovesCountsIntoHistory) {
 TEST_F(DbgTest, GetFtnv4WithTooWideMaskStillLooksUp) {
     const std::string line = "get-ftnv4 vrf:5 ipv4:192.0.2.0 mask:40";
     EXPECT_EQ("invalid mask:40\n\n[dbg] get ftnv4 fail:vrf:5 ipv4:192.000.002.000 mask:40\n", cmd(line));
-    ftn_w ftn("192.0.2.0", 40, "10.1.1.1", 7, CE_OP_PUSH, {100});
-    put(6, &ftn.msg.base);
+    put(e2e_ftn(5, "192.0.2.0", 40, 7, "10.1.1.1", {100}));
     const std::string out = cmd(line);
     EXPECT_EQ(0u, out.find("invalid mask:40\n"));
     EXPECT_EQ("\n[dbg] get ftnv4:1\n", out.substr(out.size() - 19));

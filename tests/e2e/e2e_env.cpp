@@ -6,36 +6,6 @@
 #include <fstream>
 #include <sstream>
 
-namespace {
-// The wire's six label slots of FTN and ILM keys.
-void set_slots(json &index, const std::vector<uint32_t> &labels) {
-    index["lb_cnt"] = labels.size();
-    for (size_t i = 0; i < labels.size() && i < 6; ++i) index["lb_st_" + std::to_string(i)] = labels[i];
-}
-}  // namespace
-
-json e2e_ftn(uint32_t vrf, const std::string &prefix, int len, uint32_t ifx, const std::string &nh,
-             const std::vector<uint32_t> &labels, int opcode) {
-    json index = {{"vrf_id", vrf},  {"prefix", prefix}, {"prefix_len", len},
-                  {"out_ifx", ifx}, {"con_nh", nh},     {"opcode", opcode}};
-    set_slots(index, labels);
-    return {{"table", "p_mpls.mom_msg_ftn"}, {"index", index}};
-}
-
-json e2e_ilm(uint32_t in_label, const std::string &nh, uint32_t ifx, const std::vector<uint32_t> &labels,
-             int opcode, uint32_t vrf) {
-    json index = {{"in_label", in_label}, {"co_nhop", nh}, {"out_ifx", ifx}, {"opcode", opcode}};
-    set_slots(index, labels);
-    return {{"table", "p_mpls.mom_msg_ilm"}, {"index", index}, {"vrfid", vrf}};
-}
-
-json e2e_vc_ftn(uint32_t vc_ifx, const std::string &nh, uint32_t ifx, const std::vector<uint32_t> &labels,
-                uint32_t vc_mode, uint32_t sd_vid, uint32_t cw) {
-    json index = {{"vc_ifx", vc_ifx}, {"co_nhop", nh}, {"out_ifx", ifx}};
-    return {{"table", "u_mpls.udp_vc_ftn"}, {"index", index},     {"opcode", 1}, {"label_stack", labels},
-            {"vc_mode", vc_mode},           {"sd_vid", sd_vid}, {"cw", cw}};
-}
-
 std::vector<e2e_row_t> e2e_err_rows(const std::string &show_info, const std::string &name) {
     std::string text = show_info;
     for (const char *code : {"\033[1;31m", "\033[0m"})

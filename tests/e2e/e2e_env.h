@@ -4,24 +4,11 @@
 #pragma once
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
+#include "e2e/e2e_records.h"
 #include "support/proc_harness.h"
-
-using json = nlohmann::json;
-
-// Input records. Addresses are text ("192.0.2.1", "2001:db8::1").
-json e2e_ftn(uint32_t vrf, const std::string &prefix, int len, uint32_t ifx, const std::string &nh,
-             const std::vector<uint32_t> &labels, int opcode = 1);
-json e2e_ilm(uint32_t in_label, const std::string &nh, uint32_t ifx, const std::vector<uint32_t> &labels,
-             int opcode, uint32_t vrf = 0);
-json e2e_vc_ftn(uint32_t vc_ifx, const std::string &nh, uint32_t ifx, const std::vector<uint32_t> &labels,
-                uint32_t vc_mode = 0, uint32_t sd_vid = 0, uint32_t cw = 0);
 
 // An output table: one message's records in one database, of one owner (t_rt_owner) or all.
 struct e2e_table_t {
