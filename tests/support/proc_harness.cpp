@@ -111,10 +111,14 @@ daemon_proc_t::~daemon_proc_t() {
     if (pid_ > 0) stop(SIGKILL);
 }
 
-std::string daemon_proc_t::binary() {
-    const char *b = getenv("L3VPN_BUILD_DIR");
-    return std::string(b != nullptr ? b : "build") + "/app/proc/ce_mpls_l3vpn";
+// A program of the build tree: the one CTest names, else the one this harness
+// was built in, so a test binary also runs by hand from anywhere.
+static std::string built(const char *rel) {
+    const char *dir = getenv("L3VPN_BUILD_DIR");
+    return std::string(dir != nullptr ? dir : L3VPN_HARNESS_BUILD_DIR) + rel;
 }
+
+std::string daemon_proc_t::binary() { return built("/app/proc/ce_mpls_l3vpn"); }
 
 bool daemon_proc_t::start() {
     for (const char *d : {"/var/run/ssat", "/data/sw_mpls", "/data/route/tbl_dbg", "/var/sw_mpls/ham"})
@@ -190,8 +194,7 @@ std::vector<std::string> text_lines(const std::string &text) {
 
 ctl_result_t run_ctl(const std::vector<std::string> &args, const std::string &scratch) {
     const std::string out = scratch + "/ctl.out", err = scratch + "/ctl.err";
-    const char *dir = getenv("L3VPN_BUILD_DIR");
-    std::string bin = std::string(dir != nullptr ? dir : "build") + "/tools/l3vpn-ctl";
+    std::string bin = built("/tools/l3vpn-ctl");
     pid_t pid = fork();
     if (pid == 0) {
         dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -93,6 +94,25 @@ json full_value(const ProtobufCFieldDescriptor *f, int &n) {
     }
     default:
         return n;
+    }
+}
+
+// The listing operators read: every table above with its database and data type,
+// the output tables once per owner slice.
+TEST(CtlTables, ListsEveryTableWithItsDatabaseAndType) {
+    temp_dir_t dir;
+    ctl_result_t r = run_ctl({"tables"}, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> rows = text_lines(r.out);
+    ASSERT_EQ(rows.size(), 24u) << r.out;
+    EXPECT_EQ(rows[0], "#   db  type    use     owner  table");
+    EXPECT_EQ(rows[16], "16  6   string  output  8      s_route.vir_rt");
+    for (const table_case_t &t : kTables) {
+        const std::regex row("\\d+ +" + std::to_string(t.db) + " +" + t.type +
+                             " +(input|output) +[-0-9]+ +" + t.desc->name);
+        EXPECT_TRUE(std::any_of(rows.begin(), rows.end(),
+                                [&](const std::string &l) { return std::regex_match(l, row); }))
+            << t.desc->name;
     }
 }
 
