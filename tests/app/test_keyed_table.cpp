@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "foundation/zlog_capture.h"
 #include "keyed_table/keyed_table.h"
 
 namespace {
@@ -101,15 +102,12 @@ TEST_F(KeyedTableTest, CrowdedBucketWarnsWalksNewestFirstAndRemovesAnywhere) {
     same_bucket = true;
     ASSERT_EQ(0, keyed_tbl_create(&tbl_, 0, 3));
     EXPECT_EQ(std::vector<int>{}, walk_order());
-    testing::internal::CaptureStdout();
-    for (int i = 0; i < 4; ++i) ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[i]));
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());  // threshold 0: off
+    auto insert = [&](int i) { return stdout_of([&] { ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[i])); }); };
+    for (int i = 0; i < 4; ++i) EXPECT_EQ("", insert(i));  // threshold 0: off
     tbl_.warn_threshold = 4;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(0, keyed_tbl_insert(&tbl_, &v_[4]));
     char want[128];
     snprintf(want, sizeof want, "hash :%p bucket[0] warning 4 cur:5 \n", static_cast<void *>(&tbl_));
-    EXPECT_EQ(want, testing::internal::GetCapturedStdout());
+    EXPECT_EQ(want, insert(4));
     EXPECT_EQ((std::vector<int>{50, 40, 30, 20, 10}), walk_order());
     int seen = 0;
     EXPECT_EQ(7, keyed_tbl_walk(&tbl_, [](void *e, void *arg) {

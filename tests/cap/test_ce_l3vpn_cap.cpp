@@ -251,9 +251,7 @@ TEST_F(CapTest, AlarmIntervalDoublesAndResets) {
 
 TEST_F(CapTest, DumpPrintsAlignedRows) {
     ASSERT_EQ(0, ce_l3vpn_cap_init(&ctx_, "udp-mpls-l3vpn"));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, ce_l3vpn_cap_dump(1));
-    std::string out = testing::internal::GetCapturedStdout();
+    std::string out = stdout_of([] { EXPECT_EQ(0, ce_l3vpn_cap_dump(1)); });
     EXPECT_TRUE(has(out, "name               path                                       kind    current  default\n"));
     EXPECT_TRUE(has(out, "encap_label_dpth   s_mpls/l3vpn/capacity/encap_label_depth    int32         5        5\n"));
     EXPECT_TRUE(has(out, "support_mpls       s_mpls/l3vpn/ability/support_mpls          bool          0        0\n"));

@@ -195,14 +195,14 @@ TEST(Log, LevelFiles) {
         if (c.text != nullptr) std::ofstream(path) << c.text;
         ce_l3vpn_dbg_level = ss_rt_tbl_ctl.dbg_level = 3;
         ce_l3vpn_zlog_handle = 0;
-        testing::internal::CaptureStdout();  // the table library prints its level list
-        if (c.tbl) {
-            ce_l3vpn_tbl_dbg_init(tbl_dbg);
-        } else {
-            EXPECT_EQ(ce_l3vpn_zlog_init("ce_mpls_l3vpn_zlog", zlog_dbg), 0);
-            EXPECT_NE(ce_l3vpn_zlog_handle, 0u);
-        }
-        testing::internal::GetCapturedStdout();
+        stdout_of([&] {  // the table library prints its level list
+            if (c.tbl) {
+                ce_l3vpn_tbl_dbg_init(tbl_dbg);
+            } else {
+                EXPECT_EQ(ce_l3vpn_zlog_init("ce_mpls_l3vpn_zlog", zlog_dbg), 0);
+                EXPECT_NE(ce_l3vpn_zlog_handle, 0u);
+            }
+        });
         EXPECT_EQ(c.tbl ? ss_rt_tbl_ctl.dbg_level : ce_l3vpn_dbg_level, c.level)
             << (c.tbl ? "table " : "log ") << (c.text ? c.text : "(missing)");
     }

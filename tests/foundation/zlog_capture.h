@@ -12,6 +12,14 @@ inline ::testing::AssertionResult has(const std::string &text, const std::string
     return ::testing::AssertionFailure() << "no \"" << part << "\" in:\n" << text;
 }
 
+// What f() prints on standard output.
+template <typename F>
+std::string stdout_of(F f) {
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
+}
+
 // Everything logged at DEBUG while alive; text() holds all lines so far.
 class ZlogCapture {
 public:

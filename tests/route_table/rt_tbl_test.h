@@ -19,14 +19,6 @@
 #include "support/test_mom.h"
 #include "u_mpls.pb-c.h"
 
-// What f() prints on stdout.
-template <typename F>
-std::string stdout_of(F f) {
-    testing::internal::CaptureStdout();
-    f();
-    return testing::internal::GetCapturedStdout();
-}
-
 class RtTblTest : public ::testing::TestWithParam<const char *> {
 protected:
     void SetUp() override {
