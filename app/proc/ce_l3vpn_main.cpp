@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include "app/proc/ce_l3vpn_err.h"
@@ -84,6 +85,9 @@ int ce_l3vpn_check_running(void) {
 }
 
 int ce_l3vpn_main(void) {
+    // A write to a store that went away must end in the loss handling (exit 77
+    // with a log line), never in a silent death by signal.
+    signal(SIGPIPE, SIG_IGN);
     int fd = ce_l3vpn_check_running();
     if (fd < 0) return fd;
 
