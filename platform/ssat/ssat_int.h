@@ -35,6 +35,10 @@ struct ssat_mod_t {
     int listen_fd = -1;
     struct event *listen_ev = nullptr;
     std::string path;
+    // While accept lacks descriptors or memory the socket is not watched;
+    // this timer watches it again. pause_ms: the current pause, 0 when serving.
+    struct event *retry_ev = nullptr;
+    int pause_ms = 0;
 };
 
 // The module of that name, made on first use; null for an empty name.

@@ -129,16 +129,47 @@ void ssat_conn_open(ssat_mod_t *mod, event_base *base, int fd) {
     ssat_conns().push_back(std::move(c));
 }
 
+// A failed accept leaves the connection queued, so the socket stays readable:
+// watching it while descriptors or memory are short only spins. It is left
+// alone for a while instead, and one line tells of the whole shortage.
+constexpr int SSAT_PAUSE_FIRST_MS = 100;
+constexpr int SSAT_PAUSE_MAX_MS = 1000;
+constexpr int SSAT_ACCEPT_BURST = 64;  // then other events get their turn
+
+void ssat_accept_pause(ssat_mod_t *mod) {
+    if (mod->pause_ms == 0) {
+        mod->pause_ms = SSAT_PAUSE_FIRST_MS;
+        fprintf(stderr, "ssat: %s: accept: %s, pausing %d ms (then up to %d ms at a time)\n",
+                mod->name.c_str(), strerror(errno), SSAT_PAUSE_FIRST_MS, SSAT_PAUSE_MAX_MS);
+    } else {
+        mod->pause_ms = std::min(mod->pause_ms * 2, SSAT_PAUSE_MAX_MS);
+    }
+    event_del(mod->listen_ev);
+    timeval tv{mod->pause_ms / 1000, (mod->pause_ms % 1000) * 1000};
+    event_add(mod->retry_ev, &tv);
+}
+
+void ssat_accept_retry_cb(evutil_socket_t, short, void *arg) {
+    auto *mod = static_cast<ssat_mod_t *>(arg);
+    if (event_add(mod->listen_ev, nullptr) != 0) ssat_accept_pause(mod);
+}
+
 void ssat_accept_cb(evutil_socket_t lfd, short, void *arg) {
     auto *mod = static_cast<ssat_mod_t *>(arg);
-    for (;;) {
+    for (int i = 0; i < SSAT_ACCEPT_BURST; ++i) {
         int fd = accept4(lfd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (fd >= 0) {
-            ssat_conn_open(mod, event_get_base(mod->listen_ev), fd);
-        } else if (errno != EINTR) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK) ssat_log(mod->name.c_str(), "accept");
+        if (fd < 0 && (errno == EINTR || errno == ECONNABORTED || errno == EPROTO)) continue;
+        if (fd < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+        if (fd < 0) {
+            // any other failure would repeat at once just the same
+            ssat_accept_pause(mod);
             return;
         }
+        if (mod->pause_ms != 0) {
+            mod->pause_ms = 0;
+            fprintf(stderr, "ssat: %s: accept: serving again\n", mod->name.c_str());
+        }
+        ssat_conn_open(mod, event_get_base(mod->listen_ev), fd);
     }
 }
 
@@ -212,16 +243,14 @@ int ssat_lib_init(void *global, const char *module) {
     mod->path = path;
     int fd = ssat_listen(*mod, sa);
     if (fd < 0) return -1;
+    mod->listen_fd = fd;
     mod->listen_ev = event_new(ctx->master, fd, EV_READ | EV_PERSIST, ssat_accept_cb, mod);
-    if (mod->listen_ev == nullptr || event_add(mod->listen_ev, nullptr) != 0) {
+    mod->retry_ev = evtimer_new(ctx->master, ssat_accept_retry_cb, mod);
+    if (mod->listen_ev == nullptr || mod->retry_ev == nullptr || event_add(mod->listen_ev, nullptr) != 0) {
         ssat_log(module, "event");
-        if (mod->listen_ev != nullptr) event_free(mod->listen_ev);
-        mod->listen_ev = nullptr;
-        close(fd);
-        unlink(path.c_str());
+        ssat_srv_close_mod(*mod);
         return -1;
     }
-    mod->listen_fd = fd;
     return 0;
 }
 
@@ -232,6 +261,9 @@ void ssat_srv_close_conns(void) {
 void ssat_srv_close_mod(ssat_mod_t &mod) {
     if (mod.listen_ev != nullptr) event_free(mod.listen_ev);
     mod.listen_ev = nullptr;
+    if (mod.retry_ev != nullptr) event_free(mod.retry_ev);
+    mod.retry_ev = nullptr;
+    mod.pause_ms = 0;
     if (mod.listen_fd < 0) return;
     close(mod.listen_fd);
     mod.listen_fd = -1;

@@ -1,17 +1,25 @@
 // Debug-command service end to end over its socket under a private L3VPN_ROOT.
 #include <arpa/inet.h>
 #include <event2/event.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/runtime/tq_global.h"
 #include "platform/ssat/ssat.h"
@@ -139,6 +147,65 @@ TEST_F(SsatSock, CommandLineClient) {
     EXPECT_EQ(out, "3:123 num=5 v4=1.2.3.4 v6=::1\n");
     EXPECT_EQ(status, 0);
     EXPECT_EQ(system(SSAT_CMD_PATH " no-such-module help 2>/dev/null"), 1 << 8);
+}
+
+// Out of descriptors, the socket is left alone for a while rather than tried
+// in a loop, a whole shortage is told in one line, and it serves again once
+// descriptors come back.
+TEST_F(SsatSock, DescriptorShortagePausesAcceptAndRecovers) {
+    const std::string log_path = root_ + "/stderr.log";
+    int log_fd = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_GE(log_fd, 0);
+    fflush(stderr);
+    int saved_err = dup(STDERR_FILENO);
+    dup2(log_fd, STDERR_FILENO);
+    close(log_fd);
+    rlimit saved_lim{};
+    getrlimit(RLIMIT_NOFILE, &saved_lim);
+    struct restore_t {
+        int err;
+        rlimit lim;
+        ~restore_t() {
+            setrlimit(RLIMIT_NOFILE, &lim);
+            fflush(stderr);
+            dup2(err, STDERR_FILENO);
+            close(err);
+        }
+    } restore{saved_err, saved_lim};
+
+    // Clients take every descriptor left under the lowered limit; two of them
+    // connect, so the server has a connection it cannot take.
+    int probe = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(probe, 0);
+    close(probe);
+    rlimit low = saved_lim;
+    low.rlim_cur = static_cast<rlim_t>(probe) + 16;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    snprintf(sa.sun_path, sizeof sa.sun_path, "%s/var/run/ssat/%s.sock", root_.c_str(), kMod);
+    std::vector<int> clients;
+    for (int fd; clients.size() < 64 && (fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)) >= 0;)
+        clients.push_back(fd);
+    ASSERT_GE(clients.size(), 2u);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(connect(clients[i], reinterpret_cast<sockaddr *>(&sa), sizeof sa), 0);
+    timeval short_for = {0, 800000};  // several retries fail meanwhile
+    event_base_loopexit(base_, &short_for);
+    event_base_dispatch(base_);
+    for (int fd : clients) close(fd);
+    std::string out;  // the pause is at most 1 s by now
+    int rc = 1;
+    with_loop([&] { rc = ssat_client_request(kMod, "get-in-adj-id", out, 1500); });
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, "void argc=0\n");
+
+    std::string log(4096, '\0');  // a spinning server would have written far more
+    std::ifstream(log_path).read(log.data(), static_cast<std::streamsize>(log.size()));
+    log.resize(strlen(log.c_str()));
+    EXPECT_EQ(log,
+              "ssat: ssat-test: accept: Too many open files, pausing 100 ms (then up to 1000 ms at a time)\n"
+              "ssat: ssat-test: accept: serving again\n");
 }
 
 TEST(SsatArgs, ParseAgainstFormats) {
