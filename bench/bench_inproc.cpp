@@ -80,6 +80,7 @@ const tq_mom_ops_t kLoggingOps = {
         return in(c)->ops->get(in(c), db, k, o);
     },
     [](tq_mom_client_t *c) { delete static_cast<logging_client_t *>(c); },
+    nullptr,  // no watch
 };
 }  // namespace
 

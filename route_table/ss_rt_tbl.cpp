@@ -221,6 +221,26 @@ int ss_rt_tbl_reg_ds_func(ss_rt_tbl_void_func_t func) {
     return 0;
 }
 
+int ss_rt_tbl_watch_detail(ss_rt_tbl_t *table, uint32_t mode, void (*func)(ss_rt_tbl_t *table)) {
+    TBL_BRIEF("table:%d mode:%d", TBL_NO(table), static_cast<int>(mode));
+    TBL_CHECK(tbl_is_valid(table), "tbl_is_valid(table)", -4);
+    TBL_CHECK(func != nullptr, "func != NULL", -4);
+    table->drift_func = func;
+    int rv = tq_mom_watch(ss_rt_tbl_ctl.global, table->db, table->item, mode, tbl_watch_cb, table);
+    if (rv != 0) TBL_FAIL("(rv == 0)", RT_HIST_SUBSCRIBE, table->db, rv);
+    return rv;
+}
+
+int tbl_watch_cb(void * /*global*/, tq_mom_msg_t *msg, void *arg) {
+    TBL_CHECK(msg != nullptr, "msg != NULL", -4);
+    auto *table = static_cast<ss_rt_tbl_t *>(arg);
+    TBL_CHECK(tbl_is_valid(table), "tbl_is_valid(table)", -4);
+    TBL_EVENT("table:%d drift key:%s", TBL_NO(table),
+              msg->value != nullptr ? static_cast<const char *>(msg->value) : "(all)");
+    if (msg->cmd == TQ_MOM_CMD_DRIFT && table->drift_func != nullptr) table->drift_func(table);
+    return 0;
+}
+
 // ---- notices ---------------------------------------------------------------------
 
 namespace {
@@ -254,15 +274,13 @@ int tbl_on_hset(ss_rt_tbl_t *table, tq_mom_msg_t *msg) {
 // End of a table's initial contents: once no subscribed table still waits,
 // the data-sync function runs (again on every later marker).
 int tbl_on_end(ss_rt_tbl_t *table) {
-    ss_rt_tbl_ctl_t &c = ss_rt_tbl_ctl;
     table->sub_st = RT_ST_OK;
-    for (uint32_t i = 0; i < c.tbl_cur_num; ++i) {
-        if (c.tables[i].valid && c.tables[i].sub_st == RT_ST_NULL) {
-            TBL_WARN("not all sub state ok");
-            return 0;
-        }
+    if (!ss_rt_tbl_sub_all_ok()) {
+        TBL_WARN("not all sub state ok");
+        return 0;
     }
     TBL_BRIEF("all sub state ok");
+    ss_rt_tbl_ctl_t &c = ss_rt_tbl_ctl;
     if (c.ds_func != nullptr) {
         c.ds_func();
         TBL_HIST(RT_HIST_SUB_CB, table->idx, table->db);
@@ -271,6 +289,13 @@ int tbl_on_end(ss_rt_tbl_t *table) {
 }
 
 }  // namespace
+
+bool ss_rt_tbl_sub_all_ok(void) {
+    const ss_rt_tbl_ctl_t &c = ss_rt_tbl_ctl;
+    for (uint32_t i = 0; i < c.tbl_cur_num; ++i)
+        if (c.tables[i].valid && c.tables[i].sub_st == RT_ST_NULL) return false;
+    return true;
+}
 
 int tbl_msg_cb(void *global, tq_mom_msg_t *msg, void *arg) {
     TBL_CHECK(global != nullptr, "global != NULL", -4);

@@ -51,6 +51,7 @@ struct ss_rt_tbl_t {
     ss_rt_tbl_func_t del_func;
     void *arg;
     ss_rt_tbl_cnt_t cnt;
+    void (*drift_func)(ss_rt_tbl_t *table);  // ss_rt_tbl_watch_detail
 };
 
 struct ss_rt_tbl_ctl_t {
@@ -115,6 +116,14 @@ int ss_rt_tbl_scan_detail(ss_rt_tbl_t *table, ss_rt_tbl_func_t add_func, uint32_
 int ss_rt_tbl_ds_begin_detail(ss_rt_tbl_t *table, int32_t expire, uint32_t mode);
 int ss_rt_tbl_ds_end_detail(ss_rt_tbl_t *table, uint32_t mode);
 int ss_rt_tbl_reg_ds_func(ss_rt_tbl_void_func_t func);
+// Calls func when another client changes, deletes or flushes records of the
+// table (mode 0) or of its owner slice (mode 1): outputs this process owns
+// have drifted and want a data sync. Several changes may give one call.
+// No subscribed table waits for its end marker (none after a lost link until
+// it is back and subscribed again).
+bool ss_rt_tbl_sub_all_ok(void);
+int ss_rt_tbl_watch_detail(ss_rt_tbl_t *table, uint32_t mode, void (*func)(ss_rt_tbl_t *table));
+int tbl_watch_cb(void *global, tq_mom_msg_t *msg, void *table);
 int ss_rt_tbl_set_skip(ss_rt_tbl_t *table, uint8_t is_skip);
 int ss_rt_tbl_add_str(ss_rt_tbl_t *table, const ProtobufCMessage *value, uint32_t a, uint32_t b);
 int ss_rt_tbl_del_str(ss_rt_tbl_t *table, const ProtobufCMessage *value, uint32_t a, uint32_t b);

@@ -35,6 +35,17 @@ void tbl_cgst_init(ss_rt_tbl_t *table) {
         if (c.tables[i].valid && c.tables[i].db == table->db) c.tables[i].cgst = 1;
 }
 
+// Notices are lost while the link is down: the subscribed tables of db wait
+// for their end markers again, which the MOM delivers once it has
+// re-subscribed them, and the data sync then re-reads everything.
+void tbl_sub_wait_again(uint32_t db) {
+    ss_rt_tbl_ctl_t &c = ss_rt_tbl_ctl;
+    for (uint32_t i = 0; i < c.tbl_cur_num; ++i) {
+        ss_rt_tbl_t &t = c.tables[i];
+        if (t.valid && t.db == db && t.sub_st != RT_ST_IGNORE) t.sub_st = RT_ST_NULL;
+    }
+}
+
 }  // namespace
 
 int ss_rt_tbl_connect_db(ss_rt_tbl_void_func_t conn_func) {
@@ -87,6 +98,7 @@ int tbl_reconn_cb(void * /*global*/, uint32_t db, uint32_t type, void *arg) {
     if (type == TQ_MOM_CONN_LOST) {
         TBL_BRIEF("conn error");
         if (ss_rt_tbl_ctl.reconn_exit) exit(kExitConnLost);
+        tbl_sub_wait_again(db);
     } else if (type == TQ_MOM_CONN_BACK) {
         TBL_BRIEF("conn change");
         if (ss_rt_tbl_ctl.reconn_func != nullptr) ss_rt_tbl_ctl.reconn_func(db);

@@ -120,3 +120,12 @@ void tq_mom_free(ProtobufCMessage *msg) {
 void tq_mom_client_free(tq_mom_client_t *c) {
     if (c != nullptr && c->ops != nullptr && c->ops->destroy != nullptr) c->ops->destroy(c);
 }
+
+int tq_mom_watch(void *global, uint32_t db, const ProtobufCMessage *item, uint32_t mode,
+                 tq_mom_msg_cb_t cb, void *arg) {
+    tq_mom_client_t *c = client_of(global);
+    if (c == nullptr || item == nullptr || cb == nullptr || mode > TQ_MOM_MODE_OWNER ||
+        c->ops->watch == nullptr)
+        return TQ_MOM_ERR_PARAM;
+    return c->ops->watch(c, global, db, item, mode, cb, arg);
+}

@@ -25,6 +25,7 @@ enum {
     TQ_MOM_CMD_HSCAN = 6,      // hash record delivered by a scan (value: tq_mom_hash_res_t)
     TQ_MOM_CMD_SCAN = 24,      // string record delivered by a scan
     TQ_MOM_CMD_END = 29,       // end marker of a subscription or a data-sync step
+    TQ_MOM_CMD_DRIFT = 30,     // a watched record was changed by another client (tq_mom_watch)
 };
 
 // Notice flags (sync markers).
@@ -77,10 +78,14 @@ int tq_mom_subscribe(void *global, uint32_t db, const ProtobufCMessage *item, ui
 int tq_mom_scan_sync(void *global, uint32_t db, const ProtobufCMessage *item, uint32_t mode,
                      tq_mom_msg_cb_t cb, void *arg);
 
-// Data sync: begin marks every record of the table (or slice) to expire in
-// `expire` seconds; every later write clears the mark; end deletes what still
-// carries it and then calls cb with cmd 29 and flag PEXPIREDEL_OVER (string)
-// or PEXPIREFIELD_OVER (hash).
+// Data sync: begin marks every record of the table (or slice); the marks are
+// kept in the client, never in the store, and go when the connection does
+// (nothing expires). `expire` must be > 0 and is otherwise unused. While the
+// sync is open every write or delete of a record clears its mark, and a write
+// equal to the stored record (per field for a hash) does not rewrite it and
+// gives no notice. End deletes the records still marked, then calls cb with
+// cmd 29 and flag PEXPIREDEL_OVER (string) or PEXPIREFIELD_OVER (hash), and
+// closes the sync. A begin on a table (or slice) already in a sync starts over.
 int tq_mom_dsbegin_sync(void *global, uint32_t db, const ProtobufCMessage *item, uint32_t mode,
                         int32_t expire, uint32_t flags);
 int tq_mom_dsend(void *global, uint32_t db, const ProtobufCMessage *item, uint32_t mode,
@@ -92,6 +97,9 @@ int tq_mom_dsend(void *global, uint32_t db, const ProtobufCMessage *item, uint32
 int tq_mom_set_ext(void *global, uint32_t db, const uint32_t *opt, const ProtobufCMessage *value,
                    uint32_t num, uint32_t flags);
 int tq_mom_set_sync(void *global, uint32_t db, const ProtobufCMessage *value);
+// Hash writes store every scalar, string, bytes and repeated field of value,
+// zeros included; a null sub-message is not written and keeps what the record
+// holds (see tq_mom_hash_write).
 int tq_mom_hmset(void *global, uint32_t db, const ProtobufCMessage *value, uint32_t num,
                  uint32_t flags);
 int tq_mom_hmset_sync(void *global, uint32_t db, const ProtobufCMessage *value);
@@ -107,6 +115,17 @@ int tq_mom_publish(void *global, uint32_t db, const ProtobufCMessage *value, uin
 // TQ_MOM_ERR_NOT_FOUND.
 int tq_mom_get_sync(void *global, uint32_t db, const ProtobufCMessage *key, ProtobufCMessage **out);
 void tq_mom_free(ProtobufCMessage *msg);
+
+// Drift watch: calls cb with cmd 30 (TQ_MOM_CMD_DRIFT, flag 0) when another
+// client changes, deletes or flushes a record of the table (or owner slice,
+// mode 1); this client's own writes are not reported. value is the Redis key
+// of the record as a const char * valid during the call, or null when the
+// whole store may have changed (a flush). Keys carry no database number, so a
+// change of the same key on another database is reported too, and notices may
+// be merged: a notice means "re-read", never "this exact record". Watches stay
+// in place across reconnections. TQ_MOM_ERR_PARAM when the client cannot watch.
+int tq_mom_watch(void *global, uint32_t db, const ProtobufCMessage *item, uint32_t mode,
+                 tq_mom_msg_cb_t cb, void *arg);
 
 // ---- client implementations -------------------------------------------------
 // A MOM client is a table of operations over its own state; the calls above
@@ -136,6 +155,9 @@ struct tq_mom_ops_t {
     int (*publish)(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value);
     int (*get)(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *key, ProtobufCMessage **out);
     void (*destroy)(tq_mom_client_t *c);
+    // Optional: null when the client cannot watch (tq_mom_watch gives TQ_MOM_ERR_PARAM).
+    int (*watch)(tq_mom_client_t *c, void *global, uint32_t db, const ProtobufCMessage *item,
+                 uint32_t mode, tq_mom_msg_cb_t cb, void *arg);
 };
 
 struct tq_mom_client_t {

@@ -525,6 +525,40 @@ int tq_mom_hash_fields(const ProtobufCMessage *item,
     return 0;
 }
 
+namespace {
+// Whether a hash write leaves field f as the record holds it ("not given").
+bool left_as_is(const ProtobufCMessage *item, const ProtobufCFieldDescriptor *f) {
+    if (f->label == PROTOBUF_C_LABEL_REPEATED) return false;
+    if (f->flags & PROTOBUF_C_FIELD_FLAG_ONEOF) return quantifier_at(item, f) == 0;
+    if (f->type == PROTOBUF_C_TYPE_MESSAGE) return field_at<const void *>(item, f) == nullptr;
+    if (f->label != PROTOBUF_C_LABEL_OPTIONAL) return false;
+    if (f->type == PROTOBUF_C_TYPE_STRING) return field_at<const char *>(item, f) == nullptr;
+    return f->quantifier_offset != 0 &&
+           *reinterpret_cast<const protobuf_c_boolean *>(reinterpret_cast<const char *>(item) +
+                                                         f->quantifier_offset) == 0;
+}
+}  // namespace
+
+int tq_mom_hash_write(const ProtobufCMessage *item,
+                      std::vector<std::pair<std::string, std::string>> &out) {
+    std::vector<std::pair<std::string, std::string>> present;
+    int rv = tq_mom_hash_fields(item, present);
+    out.clear();
+    if (rv != 0) return rv;
+    const ProtobufCMessageDescriptor *d = item->descriptor;
+    out.reserve(d->n_fields);
+    // Both lists run in field-number order.
+    size_t at = 0;
+    for (unsigned i = 0; i < d->n_fields; ++i) {
+        const ProtobufCFieldDescriptor *f = &d->fields[i];
+        if (at < present.size() && present[at].first == f->name)
+            out.push_back(std::move(present[at++]));
+        else if (!left_as_is(item, f))
+            out.emplace_back(f->name, std::string());
+    }
+    return 0;
+}
+
 ProtobufCMessage *tq_mom_hash_unpack(const ProtobufCMessageDescriptor *desc,
                                      const std::vector<std::pair<std::string, std::string>> &fields) {
     if (desc == nullptr) return nullptr;

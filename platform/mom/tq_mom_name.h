@@ -8,8 +8,10 @@
 //                    bools 0/1, p_libpub.ip as "v4:a.b.c.d", "v6:<compressed>",
 //                    "v4b:<hex>", or "" when no member is set.
 //   string record    the packed item message
-//   hash record      one hash field per present top-level field: field name ->
-//                    that field's packed bytes (tag and value)
+//   hash record      one hash field per top-level field: field name -> that
+//                    field's packed bytes (tag and value); a zero is stored as
+//                    an empty value, which adds nothing when the values are
+//                    joined in field-number order to give the packed record
 //   publish channel  "pub@<db>:T"
 #pragma once
 #include <cstdint>
@@ -51,6 +53,15 @@ ProtobufCMessage *tq_mom_unpack(const ProtobufCMessageDescriptor *desc, std::str
 // Hash records: (field name, packed field bytes) for each present top-level field.
 int tq_mom_hash_fields(const ProtobufCMessage *item,
                        std::vector<std::pair<std::string, std::string>> &out);
+// The fields a hash write stores, in field-number order. proto3 never packs a
+// zero, so "present" cannot tell a zero from "not given": every scalar,
+// string, bytes and repeated field is written, a zero (or empty list) as an
+// empty value. What a writer can leave out is a sub-message (null pointer), an
+// optional field without its has_ flag, and a oneof with no member set: those
+// fields keep what the record holds, which is how a partial update is made.
+// When a oneof member is set, the group's other members are written empty.
+int tq_mom_hash_write(const ProtobufCMessage *item,
+                      std::vector<std::pair<std::string, std::string>> &out);
 // Rebuilds a record from hash fields (any order); null when it does not unpack
 // or a field name is unknown.
 ProtobufCMessage *tq_mom_hash_unpack(const ProtobufCMessageDescriptor *desc,

@@ -17,22 +17,40 @@ namespace {
 
 constexpr const char *NOTICE_CLASSES = "K$hgx";
 
-// Marks every key of the table (or slice) to expire: ARGV pattern, milliseconds.
-constexpr const char *DS_BEGIN_LUA =
-    "local keys = redis.call('KEYS', ARGV[1])\n"
-    "for i = 1, #keys do redis.call('PEXPIRE', keys[i], ARGV[2]) end\n"
-    "return #keys\n";
-
-// Deletes what still carries a mark; returns {deleted, table holds hashes}.
-constexpr const char *DS_END_LUA =
-    "local keys = redis.call('KEYS', ARGV[1])\n"
-    "local n, hash = 0, 0\n"
-    "for i = 1, #keys do\n"
-    "  local k = keys[i]\n"
-    "  if hash == 0 and redis.call('TYPE', k)['ok'] == 'hash' then hash = 1 end\n"
-    "  if redis.call('PTTL', k) > 0 then redis.call('DEL', k); n = n + 1 end\n"
+// Writes inside an open data sync, one record each: an equal value is not
+// written again, so an unchanged restart leaves no notice. KEYS[1] the record;
+// ARGV[1] 's' (ARGV[2] the bytes), 'h' (field name, value pairs; a missing
+// field equals an empty value) or 'd' (delete: through here too, so that a
+// replay after NOSCRIPT keeps the writes of a key in order). PERSIST drops an
+// expiry left by an older client's marks and says nothing when there is none.
+constexpr const char *CAS_LUA =
+    "local k, op = KEYS[1], ARGV[1]\n"
+    "if op == 'd' then return redis.call('DEL', k) end\n"
+    "if op == 's' then\n"
+    "  if redis.pcall('GET', k) == ARGV[2] then redis.call('PERSIST', k) return 0 end\n"
+    "  redis.call('SET', k, ARGV[2])\n"
+    "  return 1\n"
     "end\n"
-    "return {n, hash}\n";
+    "local names = {}\n"
+    "for i = 2, #ARGV, 2 do names[#names + 1] = ARGV[i] end\n"
+    "local have = redis.call('HMGET', k, unpack(names))\n"
+    "redis.call('PERSIST', k)\n"
+    "local put = {}\n"
+    "for i = 1, #names do\n"
+    "  local want = ARGV[2 * i + 1]\n"
+    "  if have[i] ~= want and not (have[i] == false and want == '') then\n"
+    "    put[#put + 1] = names[i]\n"
+    "    put[#put + 1] = want\n"
+    "  end\n"
+    "end\n"
+    "if #put == 0 then return 0 end\n"
+    "redis.call('HSET', k, unpack(put))\n"
+    "return 1\n";
+
+// Keys per UNLINK of the sweep, and UNLINKs per round trip: each one stays
+// well under a millisecond of the server's time.
+constexpr size_t DS_DEL_KEYS = 100;
+constexpr size_t DS_DEL_PIPE = 64;
 
 std::string_view reply_str(const redisReply *r) {
     return r->str == nullptr ? std::string_view() : std::string_view(r->str, r->len);
@@ -41,6 +59,12 @@ std::string_view reply_str(const redisReply *r) {
 bool is_wrongtype(const redisReply *r) {
     return r->type == REDIS_REPLY_ERROR && reply_str(r).starts_with("WRONGTYPE");
 }
+
+bool is_noscript(const redisReply *r) {
+    return r->type == REDIS_REPLY_ERROR && reply_str(r).starts_with("NOSCRIPT");
+}
+
+int cas_replay(tq_mom_redis_t *r, std::vector<tq_mom_redis_t::cas_owed_t> &refused);
 
 // ---- the connection ---------------------------------------------------------
 
@@ -82,23 +106,34 @@ tq_redis_reply_t read_reply(tq_mom_redis_t *r) {
 // Sends what is queued and reads the replies owed to pipelined writes.
 int drain(tq_mom_redis_t *r) {
     if (flush(r) != TQ_MOM_OK) return TQ_MOM_ERR_CONN;
+    std::vector<tq_mom_redis_t::cas_owed_t> refused;
     for (; r->owed > 0; --r->owed) {
         tq_redis_reply_t rep = read_reply(r);
         if (rep == nullptr) return TQ_MOM_ERR_CONN;
-        if (rep->type == REDIS_REPLY_ERROR) {
+        uint64_t seq = r->replies_read++;
+        bool cas = !r->cas_owed.empty() && r->cas_owed.front().seq == seq;
+        if (cas && is_noscript(rep.get())) {
+            refused.push_back(std::move(r->cas_owed.front()));
+        } else if (rep->type == REDIS_REPLY_ERROR) {
             ++r->write_errors;
             fprintf(stderr, "tq_mom_redis: write refused: %.*s\n", static_cast<int>(rep->len),
                     rep->str);
         }
+        if (cas) r->cas_owed.pop_front();
     }
-    return TQ_MOM_OK;
+    return refused.empty() ? TQ_MOM_OK : cas_replay(r, refused);
+}
+
+void owe(tq_mom_redis_t *r) {
+    ++r->owed;
+    ++r->replies_sent;
 }
 
 // Queues a SELECT when db is not the connection's database (its reply is owed).
 bool select_db(tq_mom_redis_t *r, uint32_t db) {
     if (r->cur_db == static_cast<int>(db)) return true;
     if (!append(r, {"SELECT", std::to_string(db)})) return false;
-    ++r->owed;
+    owe(r);
     r->cur_db = static_cast<int>(db);
     return true;
 }
@@ -109,12 +144,14 @@ void flush_cb(evutil_socket_t, short, void *p) {
 }
 
 // A pipelined write: sent at once unless it may wait for the end of the turn.
-int write_async(tq_mom_redis_t *r, uint32_t db, const std::vector<tq_redis_cmd_t> &cmds,
-                bool batch) {
+// A compare-and-set is kept until its reply comes, in case it must be replayed.
+int write_async(tq_mom_redis_t *r, uint32_t db, std::vector<tq_redis_cmd_t> cmds, bool batch,
+                bool cas = false) {
     if (r->cmd == nullptr || !select_db(r, db)) return TQ_MOM_ERR_CONN;
-    for (const tq_redis_cmd_t &c : cmds) {
+    for (tq_redis_cmd_t &c : cmds) {
         if (!append(r, c)) return TQ_MOM_ERR_CONN;
-        ++r->owed;
+        if (cas) r->cas_owed.push_back({r->replies_sent, db, std::move(c)});
+        owe(r);
     }
     event_active(r->flush_ev, EV_TIMEOUT, 0);
     if (!batch && flush(r) != TQ_MOM_OK) return TQ_MOM_ERR_CONN;
@@ -135,9 +172,88 @@ int write_sync(tq_mom_redis_t *r, uint32_t db, const std::vector<tq_redis_cmd_t>
     return TQ_MOM_OK;
 }
 
-int write_cmds(tq_mom_redis_t *r, uint32_t db, const std::vector<tq_redis_cmd_t> &cmds,
-               bool is_sync, bool batch) {
-    return is_sync ? write_sync(r, db, cmds) : write_async(r, db, cmds, batch);
+int write_cmds(tq_mom_redis_t *r, uint32_t db, std::vector<tq_redis_cmd_t> cmds, bool is_sync,
+               bool batch) {
+    return is_sync ? write_sync(r, db, cmds) : write_async(r, db, std::move(cmds), batch);
+}
+
+// ---- data sync --------------------------------------------------------------
+
+int load_cas(tq_mom_redis_t *r, uint32_t db) {
+    if (r->cas_loaded) return TQ_MOM_OK;
+    std::vector<tq_redis_reply_t> replies;
+    int rv = tq_redis_cmd_run(r, db, {{"SCRIPT", "LOAD", CAS_LUA}}, replies);
+    if (rv != TQ_MOM_OK) return rv;
+    if (replies[0]->type != REDIS_REPLY_STRING) {
+        fprintf(stderr, "tq_mom_redis: cannot load the data-sync script: %.*s\n",
+                static_cast<int>(replies[0]->len), replies[0]->str);
+        return TQ_MOM_ERR;
+    }
+    r->cas_sha = reply_str(replies[0].get());
+    r->cas_loaded = true;
+    return TQ_MOM_OK;
+}
+
+// The script cache was flushed under pipelined compare-and-sets: load it again
+// and send them again, in order. Every write of a key inside a sync goes
+// through the script, so the refused ones are the latest writes of their keys.
+int cas_replay(tq_mom_redis_t *r, std::vector<tq_mom_redis_t::cas_owed_t> &refused) {
+    r->cas_loaded = false;
+    for (tq_mom_redis_t::cas_owed_t &w : refused) {
+        int rv = load_cas(r, w.db);
+        if (rv != TQ_MOM_OK) return rv;
+        w.cmd[1] = r->cas_sha;
+        rv = write_sync(r, w.db, {w.cmd});
+        if (rv == TQ_MOM_ERR_CONN) return rv;
+        if (rv != TQ_MOM_OK) ++r->write_errors;
+    }
+    return TQ_MOM_OK;
+}
+
+// A write of a key inside an open sync: args are the script's ARGV.
+int write_cas(tq_mom_redis_t *r, uint32_t db, const std::string &key,
+              std::vector<std::string> args, bool is_sync, bool batch) {
+    int rv = load_cas(r, db);
+    if (rv != TQ_MOM_OK) return rv;
+    tq_redis_cmd_t cmd = {"EVALSHA", r->cas_sha, "1", key};
+    for (std::string &a : args) cmd.push_back(std::move(a));
+    if (!is_sync) return write_async(r, db, {std::move(cmd)}, batch, true);
+    std::vector<tq_redis_reply_t> replies;
+    rv = tq_redis_cmd_run(r, db, {cmd}, replies);
+    if (rv == TQ_MOM_OK && is_noscript(replies[0].get())) {
+        r->cas_loaded = false;
+        if ((rv = load_cas(r, db)) != TQ_MOM_OK) return rv;
+        cmd[1] = r->cas_sha;
+        rv = tq_redis_cmd_run(r, db, {cmd}, replies);
+    }
+    if (rv != TQ_MOM_OK) return rv;
+    if (replies[0]->type != REDIS_REPLY_ERROR) return TQ_MOM_OK;
+    fprintf(stderr, "tq_mom_redis: write refused: %.*s\n", static_cast<int>(replies[0]->len),
+            replies[0]->str);
+    return TQ_MOM_ERR;
+}
+
+// The marks go with the connection that kept them.
+void drop_if_lost(tq_mom_redis_t *r) {
+    if (r->cmd == nullptr) r->syncs.clear();
+}
+
+int drain_if_up(tq_mom_redis_t *r) {
+    int rv = r->cmd != nullptr ? drain(r) : TQ_MOM_ERR_CONN;
+    drop_if_lost(r);
+    return rv;
+}
+
+// Clears key's mark in every open sync that covers it; whether one does.
+bool unmark(tq_mom_redis_t *r, uint32_t db, const std::string &key) {
+    drop_if_lost(r);
+    bool covered = false;
+    for (tq_mom_redis_t::sync_t &s : r->syncs)
+        if (s.db == db && (s.exact ? key == s.prefix : key.starts_with(s.prefix))) {
+            s.marks.erase(key);
+            covered = true;
+        }
+    return covered;
 }
 
 // ---- decoding ---------------------------------------------------------------
@@ -206,10 +322,10 @@ std::string table_glob(const ProtobufCMessage *item, uint32_t mode) {
     return tq_redis_glob_escape(tq_mom_table_prefix(item, mode == TQ_MOM_MODE_OWNER)) + "*";
 }
 
-// Every key matching glob, each once (SCAN may repeat a key).
-int scan_keys(tq_mom_redis_t *r, uint32_t db, const std::string &glob,
-              std::vector<std::string> &keys) {
-    std::unordered_set<std::string> seen;
+// Calls f with every key matching glob, in SCAN steps that each cost the
+// server little; a key may come more than once.
+template <class F>
+int scan_each(tq_mom_redis_t *r, uint32_t db, const std::string &glob, F &&f) {
     std::string cursor = "0";
     do {
         std::vector<tq_redis_reply_t> replies;
@@ -220,12 +336,34 @@ int scan_keys(tq_mom_redis_t *r, uint32_t db, const std::string &glob,
         if (rep->type != REDIS_REPLY_ARRAY || rep->elements != 2) return TQ_MOM_ERR;
         cursor = reply_str(rep->element[0]);
         const redisReply *batch = rep->element[1];
-        for (size_t i = 0; i < batch->elements; ++i) {
-            std::string key(reply_str(batch->element[i]));
-            if (seen.insert(key).second) keys.push_back(std::move(key));
-        }
+        for (size_t i = 0; i < batch->elements; ++i) f(std::string(reply_str(batch->element[i])));
     } while (cursor != "0");
     return TQ_MOM_OK;
+}
+
+// Every key matching glob, each once.
+int scan_keys(tq_mom_redis_t *r, uint32_t db, const std::string &glob,
+              std::vector<std::string> &keys) {
+    std::unordered_set<std::string> seen;
+    return scan_each(r, db, glob, [&](std::string key) {
+        if (seen.insert(key).second) keys.push_back(std::move(key));
+    });
+}
+
+// What a data sync covers: a key prefix, or the one key of an unkeyed table.
+tq_mom_redis_t::sync_t sync_of(uint32_t db, const ProtobufCMessage *item, uint32_t mode) {
+    bool keyed = tq_mom_key_desc(item->descriptor) != nullptr;
+    return {db,
+            keyed ? tq_mom_table_prefix(item, mode == TQ_MOM_MODE_OWNER)
+                  : std::string(tq_mom_table_name(item->descriptor)),
+            !keyed, false, {}};
+}
+
+std::vector<tq_mom_redis_t::sync_t>::iterator find_sync(tq_mom_redis_t *r,
+                                                        const tq_mom_redis_t::sync_t &s) {
+    return std::find_if(r->syncs.begin(), r->syncs.end(), [&](const tq_mom_redis_t::sync_t &o) {
+        return o.db == s.db && o.prefix == s.prefix;
+    });
 }
 
 // An empty item of a descriptor, for the naming calls that want a template.
@@ -238,20 +376,6 @@ struct item_buf_t {
         return reinterpret_cast<const ProtobufCMessage *>(mem.data());
     }
 };
-
-int run_script(tq_mom_redis_t *r, uint32_t db, const char *lua,
-               const std::vector<std::string> &args, tq_redis_reply_t &out) {
-    tq_redis_cmd_t cmd = {"EVAL", lua, "0"};
-    cmd.insert(cmd.end(), args.begin(), args.end());
-    std::vector<tq_redis_reply_t> replies;
-    int rv = tq_redis_cmd_run(r, db, {cmd}, replies);
-    if (rv != TQ_MOM_OK) return rv;
-    out = std::move(replies[0]);
-    if (out->type != REDIS_REPLY_ERROR) return TQ_MOM_OK;
-    fprintf(stderr, "tq_mom_redis: data-sync script failed: %.*s\n", static_cast<int>(out->len),
-            out->str);
-    return TQ_MOM_ERR;
-}
 
 // ---- operations -------------------------------------------------------------
 
@@ -302,22 +426,67 @@ int op_scan(tq_mom_client_t *c, void *global, uint32_t db, const ProtobufCMessag
     return tq_redis_scan_deliver(tq_redis_of(c), global, db, item, item->descriptor, mode, cb, arg);
 }
 
+// Keeps the keys of the table (or slice) as the sync's marks, in the client:
+// nothing is written, so a daemon that dies mid-sync leaves every record as it
+// was. expire is only checked, for callers written against real expiries.
 int op_dsbegin(tq_mom_client_t *c, void *, uint32_t db, const ProtobufCMessage *item,
                uint32_t mode, int32_t expire, uint32_t) {
     if (mode > TQ_MOM_MODE_OWNER || expire <= 0) return TQ_MOM_ERR_PARAM;
-    tq_redis_reply_t rep;
-    std::string ms = std::to_string(static_cast<int64_t>(expire) * 1000);
-    return run_script(tq_redis_of(c), db, DS_BEGIN_LUA, {table_glob(item, mode), ms}, rep);
+    tq_mom_redis_t *r = tq_redis_of(c);
+    drop_if_lost(r);
+    tq_mom_redis_t::sync_t s = sync_of(db, item, mode);
+    int rv = TQ_MOM_OK;
+    std::vector<tq_redis_reply_t> replies;
+    if (!s.exact) {
+        rv = scan_each(r, db, table_glob(item, mode), [&](std::string k) { s.marks.insert(std::move(k)); });
+    } else if ((rv = tq_redis_cmd_run(r, db, {{"EXISTS", s.prefix}}, replies)) == TQ_MOM_OK &&
+               replies[0]->integer == 1) {
+        s.marks.insert(s.prefix);
+    }
+    if (rv == TQ_MOM_OK && !s.marks.empty() &&
+        (rv = tq_redis_cmd_run(r, db, {{"TYPE", *s.marks.begin()}}, replies)) == TQ_MOM_OK)
+        s.hash = reply_str(replies[0].get()) == "hash";
+    if (rv != TQ_MOM_OK) return rv;
+    auto old = find_sync(r, s);
+    if (old != r->syncs.end()) *old = std::move(s);
+    else r->syncs.push_back(std::move(s));
+    return TQ_MOM_OK;
 }
 
+// Deletes the keys still marked, UNLINK by UNLINK, then ends the sync.
 int op_dsend(tq_mom_client_t *c, void *global, uint32_t db, const ProtobufCMessage *item,
              uint32_t mode, tq_mom_msg_cb_t cb, void *arg) {
     if (mode > TQ_MOM_MODE_OWNER) return TQ_MOM_ERR_PARAM;
-    tq_redis_reply_t rep;
-    int rv = run_script(tq_redis_of(c), db, DS_END_LUA, {table_glob(item, mode)}, rep);
-    if (rv != TQ_MOM_OK) return rv;
-    if (rep->type != REDIS_REPLY_ARRAY || rep->elements != 2) return TQ_MOM_ERR;
-    bool hash = rep->element[1]->integer != 0;
+    tq_mom_redis_t *r = tq_redis_of(c);
+    // Like every synchronous call, it first sees the pending writes through.
+    if (drain_if_up(r) != TQ_MOM_OK) return TQ_MOM_ERR_CONN;
+    tq_mom_redis_t::sync_t s = sync_of(db, item, mode);
+    bool hash = r->hash_tables.count({db, item->descriptor}) != 0;
+    auto open = find_sync(r, s);
+    if (open != r->syncs.end()) {
+        s = std::move(*open);
+        r->syncs.erase(open);
+        hash = hash || s.hash;
+    }
+    std::vector<std::string> stale(s.marks.begin(), s.marks.end());
+    s.marks.clear();
+    std::vector<tq_redis_cmd_t> cmds;
+    for (size_t at = 0; at < stale.size(); at += DS_DEL_KEYS) {
+        size_t end = std::min(stale.size(), at + DS_DEL_KEYS);
+        tq_redis_cmd_t del = {"UNLINK"};
+        for (size_t i = at; i < end; ++i) {
+            unmark(r, db, stale[i]);  // an overlapping sync sees it as any delete
+            del.push_back(std::move(stale[i]));
+        }
+        cmds.push_back(std::move(del));
+        if (cmds.size() < DS_DEL_PIPE && end < stale.size()) continue;
+        std::vector<tq_redis_reply_t> replies;
+        int rv = tq_redis_cmd_run(r, db, cmds, replies);
+        if (rv != TQ_MOM_OK) return rv;
+        for (const tq_redis_reply_t &rep : replies)
+            if (rep->type == REDIS_REPLY_ERROR) return TQ_MOM_ERR;
+        cmds.clear();
+    }
     if (cb != nullptr) {
         tq_mom_msg_t msg = {TQ_MOM_CMD_END,
                             hash ? TQ_MOM_FLAG_PEXPIREFIELD_OVER : TQ_MOM_FLAG_PEXPIREDEL_OVER,
@@ -332,30 +501,41 @@ int op_set(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool 
     std::string key, bytes;
     if (tq_mom_record_key(value, key) != 0 || tq_mom_pack(value, bytes) != 0)
         return TQ_MOM_ERR_PARAM;
-    return write_cmds(tq_redis_of(c), db, {{"SET", key, bytes}}, is_sync, batch);
+    tq_mom_redis_t *r = tq_redis_of(c);
+    if (unmark(r, db, key)) return write_cas(r, db, key, {"s", std::move(bytes)}, is_sync, batch);
+    return write_cmds(r, db, {{"SET", std::move(key), std::move(bytes)}}, is_sync, batch);
 }
 
-// Every field, then PERSIST: a hash write clears the data-sync mark too.
+// The fields of tq_mom_hash_write: zeros stored as empty values, sub-messages
+// not given left as they are. PERSIST drops an expiry left by an older
+// client's data-sync marks.
 int op_hmset(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool is_sync,
              bool batch) {
     std::string key;
     std::vector<std::pair<std::string, std::string>> fields;
-    if (tq_mom_record_key(value, key) != 0 || tq_mom_hash_fields(value, fields) != 0)
+    if (tq_mom_record_key(value, key) != 0 || tq_mom_hash_write(value, fields) != 0)
         return TQ_MOM_ERR_PARAM;
+    tq_mom_redis_t *r = tq_redis_of(c);
+    bool in_sync = unmark(r, db, key);
     if (fields.empty()) return TQ_MOM_OK;  // nothing to store: Redis has no empty hash
-    tq_redis_cmd_t hset = {"HSET", key};
+    r->hash_tables.emplace(db, value->descriptor);
+    tq_redis_cmd_t args = {in_sync ? "h" : "HSET"};
+    if (!in_sync) args.push_back(key);
     for (auto &[name, bytes] : fields) {
-        hset.push_back(std::move(name));
-        hset.push_back(std::move(bytes));
+        args.push_back(std::move(name));
+        args.push_back(std::move(bytes));
     }
-    return write_cmds(tq_redis_of(c), db, {hset, {"PERSIST", key}}, is_sync, batch);
+    if (in_sync) return write_cas(r, db, key, std::move(args), is_sync, batch);
+    return write_cmds(r, db, {std::move(args), {"PERSIST", key}}, is_sync, batch);
 }
 
 int op_del(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool is_sync,
            bool batch) {
     std::string key;
     if (tq_mom_record_key(value, key) != 0) return TQ_MOM_ERR_PARAM;
-    return write_cmds(tq_redis_of(c), db, {{"DEL", key}}, is_sync, batch);
+    tq_mom_redis_t *r = tq_redis_of(c);
+    if (unmark(r, db, key)) return write_cas(r, db, key, {"d"}, is_sync, batch);
+    return write_cmds(r, db, {{"DEL", key}}, is_sync, batch);
 }
 
 int op_publish(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value) {
@@ -389,7 +569,7 @@ void op_destroy(tq_mom_client_t *c) {
 const tq_mom_ops_t REDIS_OPS = {
     "redis",   op_connect_sync, op_connect, op_set_reconnect_cb, op_subscribe,
     op_scan,   op_dsbegin,      op_dsend,   op_set,              op_hmset,
-    op_del,    op_publish,      op_get,     op_destroy,
+    op_del,    op_publish,      op_get,     op_destroy,          tq_redis_watch,
 };
 
 tq_mom_redis_t *redis_of_any(tq_mom_client_t *c) {
@@ -406,6 +586,11 @@ int tq_redis_cmd_open(tq_mom_redis_t *r) {
     if (r->cmd == nullptr) return TQ_MOM_ERR_CONN;
     r->cur_db = 0;
     r->owed = 0;
+    // A new connection: the marks of the old one and its script are gone.
+    r->syncs.clear();
+    r->cas_loaded = false;
+    r->cas_owed.clear();
+    r->replies_sent = r->replies_read = 0;
     // Notices may also be set up by the operator: a refusal is reported, not fatal.
     if (tq_redis_enable_notices(r->cmd, NOTICE_CLASSES) != 0)
         fprintf(stderr, "tq_mom_redis: cannot enable keyspace notifications\n");

@@ -4,9 +4,13 @@
 #include <hiredis/hiredis.h>
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "platform/mom/tq_mom.h"
@@ -101,6 +105,49 @@ struct tq_mom_redis_t : tq_mom_client_t {
     uint64_t bad_values = 0;
     uint64_t write_errors = 0;
     uint64_t commands = 0;
+
+    // ---- drift watches (tq_mom_redis_sub.cpp) ----
+    // Client tracking in broadcast mode on the command connection, redirected
+    // to the subscriber connection; both ids change on every reconnection.
+    struct watch_t {
+        uint32_t db;
+        std::string prefix;  // "T|", "T|<owner>|", or "T" for an unkeyed table
+        bool exact;          // unkeyed: the key is the prefix itself
+        tq_mom_msg_cb_t cb;
+        void *arg;
+        void *global;
+    };
+    std::vector<watch_t> watches;
+    long long sub_id = 0;          // CLIENT ID of the subscriber connection, 0 unknown
+    bool tracking = false;         // tracking is on for the current connections
+    std::vector<std::string> drifts;  // invalidated keys waiting for delivery
+    bool drift_all = false;           // a flush: every watch is told
+
+    // ---- data sync (tq_mom_redis.cpp) ----
+    // The marks of an open data sync live here and never in the store: a lost
+    // connection drops them, and nothing is left behind to expire.
+    struct sync_t {
+        uint32_t db;
+        std::string prefix;  // "T|", "T|<owner>|", or "T" for an unkeyed table
+        bool exact;          // unkeyed: the key is the prefix itself
+        bool hash;           // the table held hash records when the sync began
+        std::unordered_set<std::string> marks;  // keys not written since
+    };
+    std::vector<sync_t> syncs;
+    // Tables this client has written hash records to, for the end marker's flag.
+    std::set<std::pair<uint32_t, const ProtobufCMessageDescriptor *>> hash_tables;
+    // The compare-and-set script of writes inside a sync, loaded per connection.
+    std::string cas_sha;
+    bool cas_loaded = false;
+    // Pipelined replies by number, so that a compare-and-set refused with
+    // NOSCRIPT (script cache flushed) can be sent again once reloaded.
+    struct cas_owed_t {
+        uint64_t seq;
+        uint32_t db;
+        std::vector<std::string> cmd;
+    };
+    std::deque<cas_owed_t> cas_owed;
+    uint64_t replies_sent = 0, replies_read = 0;
 };
 
 enum {
@@ -147,3 +194,6 @@ void tq_redis_link_lost(tq_mom_redis_t *r, const char *why);
 // Starts the one-second retries after a first connection that failed.
 void tq_redis_link_retry(tq_mom_redis_t *r);
 void tq_redis_notes_run(tq_mom_redis_t *r);
+// The ops entry of tq_mom_watch.
+int tq_redis_watch(tq_mom_client_t *c, void *global, uint32_t db, const ProtobufCMessage *item,
+                   uint32_t mode, tq_mom_msg_cb_t cb, void *arg);

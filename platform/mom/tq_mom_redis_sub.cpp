@@ -4,11 +4,18 @@
 //
 // Events are queued as they arrive and delivered from an event made active on
 // the loop, so that the records of a burst are read in one pipeline.
+//
+// Drift watches use client tracking in broadcast mode: the command connection
+// (which makes every write of this client) tracks the watched prefixes with
+// NOLOOP and redirects invalidations to the subscriber connection, so only
+// foreign writes arrive, on __redis__:invalidate.
 #include <event2/event.h>
 #include <hiredis/async.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <string_view>
 
 #include "platform/mom/tq_mom_name.h"
@@ -17,6 +24,7 @@
 namespace {
 
 constexpr struct timeval RETRY_TV = {1, 0};
+constexpr const char *INVALIDATE_CHANNEL = "__redis__:invalidate";
 
 std::string_view reply_str(const redisReply *r) {
     return r->str == nullptr ? std::string_view() : std::string_view(r->str, r->len);
@@ -182,6 +190,104 @@ size_t deliver_reads(tq_mom_redis_t *r, const std::vector<tq_redis_note_t> &note
     return j;
 }
 
+// ---- drift watches ----------------------------------------------------------
+
+// Redis refuses overlapping prefixes: keep the shortest of each family; the
+// watches filter what arrives.
+std::vector<std::string> tracked_prefixes(const tq_mom_redis_t *r) {
+    std::set<std::string> all;
+    for (const tq_mom_redis_t::watch_t &w : r->watches) all.insert(w.prefix);
+    std::vector<std::string> kept;
+    for (const std::string &p : all)
+        if (kept.empty() || !p.starts_with(kept.back())) kept.push_back(p);
+    return kept;
+}
+
+// Turns tracking on for the current connections once the subscriber's id is
+// known. OFF first: a new prefix may cover one already tracked.
+int tracking_sync(tq_mom_redis_t *r) {
+    if (r->tracking || r->watches.empty() || r->sub_id <= 0 || r->cmd == nullptr)
+        return TQ_MOM_OK;
+    tq_redis_cmd_t on = {"CLIENT", "TRACKING", "ON", "REDIRECT", std::to_string(r->sub_id),
+                         "BCAST", "NOLOOP"};
+    for (const std::string &p : tracked_prefixes(r)) {
+        on.push_back("PREFIX");
+        on.push_back(p);
+    }
+    std::vector<tq_redis_reply_t> replies;
+    uint32_t db = r->cur_db >= 0 ? static_cast<uint32_t>(r->cur_db) : 0;
+    int rv = tq_redis_cmd_run(r, db, {{"CLIENT", "TRACKING", "OFF"}, on}, replies);
+    if (rv != TQ_MOM_OK) return rv;
+    if (replies[1]->type == REDIS_REPLY_ERROR) {
+        fprintf(stderr, "tq_mom_redis: CLIENT TRACKING: %.*s\n", static_cast<int>(replies[1]->len),
+                replies[1]->str);
+        return TQ_MOM_ERR;
+    }
+    r->tracking = true;
+    return TQ_MOM_OK;
+}
+
+void client_id_reply(redisAsyncContext *ac, void *reply, void *) {
+    auto *r = static_cast<tq_mom_redis_t *>(ac->data);
+    auto *rep = static_cast<redisReply *>(reply);
+    if (r == nullptr || rep == nullptr || rep->type != REDIS_REPLY_INTEGER) return;
+    r->sub_id = rep->integer;
+    if (!r->watches.empty()) event_active(r->note_ev, EV_TIMEOUT, 0);  // tracking, from the loop
+}
+
+// An invalidation: the keys changed by other clients, or null for a flush.
+void invalidate_reply(redisAsyncContext *ac, void *reply, void *) {
+    auto *r = static_cast<tq_mom_redis_t *>(ac->data);
+    auto *rep = static_cast<redisReply *>(reply);
+    if (r == nullptr || rep == nullptr || rep->type != REDIS_REPLY_ARRAY || rep->elements < 3 ||
+        reply_str(rep->element[0]) != "message")
+        return;
+    const redisReply *keys = rep->element[2];
+    if (keys->type == REDIS_REPLY_ARRAY) {
+        for (size_t i = 0; i < keys->elements; ++i)
+            r->drifts.emplace_back(reply_str(keys->element[i]));
+    } else {
+        r->drift_all = true;
+    }
+    event_active(r->note_ev, EV_TIMEOUT, 0);
+}
+
+int send_invalidate_sub(tq_mom_redis_t *r) {
+    const char *argv[] = {"SUBSCRIBE", INVALIDATE_CHANNEL};
+    size_t lens[] = {9, strlen(INVALIDATE_CHANNEL)};
+    return redisAsyncCommandArgv(r->sub, invalidate_reply, nullptr, 2, argv, lens) == REDIS_OK
+               ? TQ_MOM_OK
+               : TQ_MOM_ERR;
+}
+
+bool watch_holds(const tq_mom_redis_t::watch_t &w, std::string_view key) {
+    return w.exact ? key == w.prefix : key.starts_with(w.prefix);
+}
+
+// One notice per watch and distinct key; a flush tells every watch once.
+void drifts_run(tq_mom_redis_t *r) {
+    if (r->drifts.empty() && !r->drift_all) return;
+    std::vector<std::string> keys;
+    keys.swap(r->drifts);
+    bool all = r->drift_all;
+    r->drift_all = false;
+    std::sort(keys.begin(), keys.end());
+    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    const std::vector<tq_mom_redis_t::watch_t> watches = r->watches;  // callbacks may add some
+    for (const tq_mom_redis_t::watch_t &w : watches) {
+        tq_mom_msg_t msg = {TQ_MOM_CMD_DRIFT, TQ_MOM_FLAG_NONE, nullptr, TQ_MOM_OK};
+        if (all) {
+            w.cb(w.global, &msg, w.arg);
+            continue;
+        }
+        for (const std::string &key : keys) {
+            if (!watch_holds(w, key)) continue;
+            msg.value = const_cast<char *>(key.c_str());
+            w.cb(w.global, &msg, w.arg);
+        }
+    }
+}
+
 }  // namespace
 
 int tq_redis_link_init(tq_mom_redis_t *r) {
@@ -199,8 +305,17 @@ int tq_redis_sub_open(tq_mom_redis_t *r) {
     redisAsyncSetDisconnectCallback(ac, sub_disconnected);
     r->sub = ac;
     r->awaiting = 0;
+    // Before any SUBSCRIBE: a subscribed connection takes no other command.
+    r->sub_id = 0;
+    r->tracking = false;
+    redisAsyncCommand(ac, client_id_reply, nullptr, "CLIENT ID");
+    if (!r->watches.empty()) send_invalidate_sub(r);
+    // A new connection re-subscribes every table and delivers its end marker
+    // again: what changed while the link was down reaches the daemon only
+    // through the data sync that the markers trigger.
     for (const std::unique_ptr<tq_redis_sub_t> &s : r->subs) {
         s->confirmed = 0;
+        s->ended = false;
         if (send_sub(r, s.get()) == TQ_MOM_OK) r->awaiting += 2;
     }
     return TQ_MOM_OK;
@@ -210,6 +325,11 @@ void tq_redis_sub_close(tq_mom_redis_t *r) {
     redisAsyncContext *ac = r->sub;
     if (ac == nullptr) return;
     r->sub = nullptr;
+    r->sub_id = 0;
+    r->tracking = false;
+    // The next connection delivers the markers again; stale ones would end a
+    // table's wait before its new subscription stands.
+    std::erase_if(r->notes, [](const tq_redis_note_t &n) { return n.kind == TQ_REDIS_NOTE_END; });
     ac->data = nullptr;  // its last callbacks (null replies, disconnect) are ours to ignore
     redisAsyncFree(ac);
 }
@@ -265,6 +385,15 @@ int tq_redis_subscribe(tq_mom_redis_t *r, void *global, uint32_t db, const Proto
 }
 
 void tq_redis_notes_run(tq_mom_redis_t *r) {
+    if (r->state == TQ_REDIS_BACK) return;  // the last confirmation runs them again
+    // The return is reported before the end markers of the new connection, as
+    // a loss is before them: the table client knows the link is back when its
+    // data sync starts.
+    if (r->back_report && !r->lost_report && r->state == TQ_REDIS_UP) {
+        r->back_report = false;
+        report(r, TQ_MOM_CONN_BACK);
+    }
+    tracking_sync(r);
     std::vector<tq_redis_note_t> notes;
     notes.swap(r->notes);
     for (size_t i = 0; i < notes.size();) {
@@ -277,4 +406,30 @@ void tq_redis_notes_run(tq_mom_redis_t *r) {
         else deliver_direct(r, n);
         ++i;
     }
+    drifts_run(r);
+}
+
+int tq_redis_watch(tq_mom_client_t *c, void *global, uint32_t db, const ProtobufCMessage *item,
+                   uint32_t mode, tq_mom_msg_cb_t cb, void *arg) {
+    tq_mom_redis_t *r = tq_redis_of(c);
+    if (mode > TQ_MOM_MODE_OWNER) return TQ_MOM_ERR_PARAM;
+    if (r->state != TQ_REDIS_UP || r->sub == nullptr) return TQ_MOM_ERR_CONN;
+    bool keyed = tq_mom_key_desc(item->descriptor) != nullptr;
+    std::string prefix = keyed ? tq_mom_table_prefix(item, mode == TQ_MOM_MODE_OWNER)
+                               : std::string(tq_mom_table_name(item->descriptor));
+    for (tq_mom_redis_t::watch_t &w : r->watches)
+        if (w.db == db && w.prefix == prefix && w.exact == !keyed) {
+            w.cb = cb;
+            w.arg = arg;
+            w.global = global;
+            return TQ_MOM_OK;
+        }
+    if (r->watches.empty() && send_invalidate_sub(r) != TQ_MOM_OK) return TQ_MOM_ERR;
+    r->watches.push_back({db, prefix, !keyed, cb, arg, global});
+    r->tracking = false;
+    // A link lost meanwhile re-enables it on the new connections.
+    if (tracking_sync(r) != TQ_MOM_ERR) return TQ_MOM_OK;
+    r->watches.pop_back();  // refused: the others are tracked as before
+    tracking_sync(r);
+    return TQ_MOM_ERR;
 }

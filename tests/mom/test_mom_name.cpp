@@ -189,4 +189,38 @@ TEST(HashFields, SplitAndRejoinEqualPackedRecord) {
     EXPECT_EQ(tq_mom_hash_unpack(&s_route__in_sub_adj__descriptor, misplaced), nullptr);
 }
 
+// What a hash write stores: every field but a sub-message (or oneof) not
+// given; "=" marks a zero written as an empty value.
+TEST(HashFields, WritesCarryZerosAndLeaveOutWhatIsNotGiven) {
+    PIntf__Intfindex idx = P_INTF__INTFINDEX__INIT;
+    PIntf__DataIfCounters cnt = P_INTF__DATA_IF_COUNTERS__INIT;
+    cnt.index = &idx;
+    PLibpub__Ipv4 v4 = P_LIBPUB__IPV4__INIT;
+    PLibpub__Ip ip = P_LIBPUB__IP__INIT, none = P_LIBPUB__IP__INIT;
+    ip.addr_case = P_LIBPUB__IP__ADDR_V4, ip.v4 = &v4;
+    UMpls__UdpLabSwIndex sw_key = U_MPLS__UDP_LAB_SW_INDEX__INIT;
+    UMpls__UdpLabSw sw = U_MPLS__UDP_LAB_SW__INIT;
+    sw.index = &sw_key, sw.enable = true;
+    const struct {
+        const ProtobufCMessage *msg;
+        const char *want;
+    } cases[] = {
+        {&cnt.base, "index last_clear_time="},
+        {&ip.base, "v4 v6= v4b="},  // the group's other members are cleared
+        {&none.base, ""},
+        {&sw.base, "index enable"},
+    };
+    for (const auto &c : cases) {
+        std::vector<std::pair<std::string, std::string>> fields;
+        ASSERT_EQ(tq_mom_hash_write(c.msg, fields), 0);
+        std::string got, joined;
+        for (const auto &[name, bytes] : fields) {
+            got += (got.empty() ? "" : " ") + name + (bytes.empty() ? "=" : "");
+            joined += bytes;
+        }
+        EXPECT_EQ(got, c.want) << c.msg->descriptor->name;
+        EXPECT_EQ(joined, packed(c.msg)) << c.msg->descriptor->name;
+    }
+}
+
 }  // namespace

@@ -2,6 +2,9 @@
 // pipelined writes, reads, bad values and connection loss.
 #include <hiredis/hiredis.h>
 
+#include <algorithm>
+#include <cstdint>
+
 #include "mom/mom_records.h"
 #include "mom_redis_env.h"
 #include "platform/mom/tq_mom_redis.h"
@@ -95,34 +98,110 @@ TEST_F(RedisMom, NoticesOfAnotherWriterArriveInOrder) {
     EXPECT_EQ(0u, tq_mom_redis_bad_values(mom_));
 }
 
-TEST_F(RedisMom, DataSyncSweepsWhatWasNotRewrittenInOneRoundTripEach) {
-    const uint32_t OWNER = 7, OTHER = 1, N = 10000;
-    for (uint32_t i = 0; i < N; ++i) batched(adj_t(OWNER, i, 1).msg());
+// Keys of the store that carry an expiry, looked at in one pipeline.
+size_t keys_with_ttl(uint32_t db, const std::vector<std::string> &keys) {
+    redisContext *c = tq_redis_connect(tq_redis_addr_from_env(), 5000);
+    if (c == nullptr) return SIZE_MAX;
+    redisAppendCommand(c, "SELECT %u", db);
+    for (const std::string &k : keys) redisAppendCommand(c, "PTTL %b", k.data(), k.size());
+    size_t n = 0;
+    for (size_t i = 0; i <= keys.size(); ++i) {
+        void *r = nullptr;
+        if (redisGetReply(c, &r) != REDIS_OK) n = SIZE_MAX;
+        if (i > 0 && r != nullptr && static_cast<redisReply *>(r)->integer != -1) ++n;
+        freeReplyObject(r);
+    }
+    redisFree(c);
+    return n;
+}
+
+long info_field(redis_cli_t &cli, const std::string &section, const std::string &name) {
+    std::string text = cli.command({"INFO", section});
+    size_t at = text.find(name + ":");
+    return at == std::string::npos ? -1 : std::strtol(text.c_str() + at + name.size() + 1, nullptr, 10);
+}
+
+// The sync writes nothing when it begins, an equal rewrite is silent, the end
+// deletes exactly what was not written, and no call is slow for the server.
+TEST_F(RedisMom, DataSyncMarksInTheClientAndNeverBlocksTheServer) {
+    const uint32_t OWNER = 7, OTHER = 1, N = 20000;
+    cli_->command({"CONFIG", "SET", "slowlog-log-slower-than", "10000"});
+    std::vector<std::string> all;
+    for (uint32_t i = 0; i < N; ++i) {
+        adj_t a(OWNER, i, 1);
+        batched(a.msg());
+        all.push_back(rkey(a.msg()));
+    }
     for (uint32_t i = 0; i < 100; ++i) batched(adj_t(OTHER, i, 1).msg());
     adj_t slice(OWNER, 0);
-    ProtobufCMessage *out = nullptr;
-    ASSERT_EQ(TQ_MOM_OK, tq_mom_get_sync(&ctx_, DB, slice.msg(), &out));  // drains the writes
-    tq_mom_free(out);
+    std::vector<seen_t> seen;
+    subscribe(slice.msg(), seen);  // also drains the writes
+    cli_->command({"SLOWLOG", "RESET"});
 
-    uint64_t sent = tq_mom_redis_commands(mom_);
-    long evals = calls("eval");
+    long dirty = info_field(*cli_, "persistence", "rdb_changes_since_last_save");
     ASSERT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(&ctx_, DB, slice.msg(), TQ_MOM_MODE_OWNER, 3600, 0));
-    EXPECT_EQ(1u, tq_mom_redis_commands(mom_) - sent);
-    EXPECT_EQ(1, calls("eval") - evals);
+    EXPECT_EQ(dirty, info_field(*cli_, "persistence", "rdb_changes_since_last_save"));
+    EXPECT_EQ(0u, keys_with_ttl(DB, all));
 
-    for (uint32_t i = 0; i < N; i += 2) batched(adj_t(OWNER, i, 2).msg());
+    // Even ids rewritten equal, ids ending in 1 changed, the rest left alone.
+    std::vector<seen_t> want_sets, want_dels;
+    for (uint32_t i = 0; i < N; ++i) {
+        if (i % 2 == 0) {
+            ASSERT_EQ(TQ_MOM_OK, batched(adj_t(OWNER, i, 1).msg()));
+        } else if (i % 10 == 1) {
+            adj_t changed(OWNER, i, 2);
+            ASSERT_EQ(TQ_MOM_OK, i % 20 == 1 ? batched(changed.msg())
+                                             : tq_mom_set_sync(&ctx_, DB, changed.msg()));
+            want_sets.push_back(seen_of(TQ_MOM_CMD_SET, 0, changed.msg()));
+        } else {
+            want_dels.push_back(seen_of(TQ_MOM_CMD_DEL, 0, adj_t(OWNER, i, 0).msg()));
+        }
+    }
     uint32_t flag = 0;
-    sent = tq_mom_redis_commands(mom_);
     ASSERT_EQ(TQ_MOM_OK, tq_mom_dsend(&ctx_, DB, slice.msg(), TQ_MOM_MODE_OWNER, ds_cb, &flag));
     EXPECT_EQ(TQ_MOM_FLAG_PEXPIREDEL_OVER, flag);
-    EXPECT_EQ(1u, tq_mom_redis_commands(mom_) - sent);
+    size_t total = want_sets.size() + want_dels.size();
+    ASSERT_TRUE(pump([&] { return seen.size() >= total; }, 20000)) << seen.size();
+    pump([] { return false; }, 100);
+    EXPECT_EQ("0", cli_->command({"SLOWLOG", "LEN"})) << cli_->command({"SLOWLOG", "GET"});
 
+    // Every changed record's notice, then the sweep's deletes: none for an equal write.
+    ASSERT_EQ(total, seen.size());
+    std::vector<seen_t> sets(seen.begin(), seen.begin() + want_sets.size());
+    std::vector<seen_t> dels(seen.begin() + want_sets.size(), seen.end());
+    std::sort(dels.begin(), dels.end());
+    std::sort(want_dels.begin(), want_dels.end());
+    EXPECT_EQ(want_sets, sets);
+    EXPECT_EQ(want_dels, dels);
     std::vector<std::string> left = cli_->keys("s_route.in_sub_adj|7|*");
-    ASSERT_EQ(N / 2, left.size());
-    for (const std::string &k : left) EXPECT_EQ(0u, std::stoull(k.substr(k.rfind('|') + 1)) % 2) << k;
-    std::vector<std::string> others = cli_->keys("s_route.in_sub_adj|1|*");
-    ASSERT_EQ(100u, others.size());
-    EXPECT_EQ("-1", cli_->command({"PTTL", others[0]})) << "other owners are never marked";
+    EXPECT_EQ(N - want_dels.size(), left.size());
+    for (const std::string &k : left) {
+        uint64_t id = std::stoull(k.substr(k.rfind('|') + 1));
+        EXPECT_TRUE(id % 2 == 0 || id % 10 == 1) << k;
+    }
+    EXPECT_EQ(100u, cli_->keys("s_route.in_sub_adj|1|*").size()) << "other owners are untouched";
+    EXPECT_EQ(0u, tq_mom_redis_write_errors(mom_));
+}
+
+// A flushed script cache does not lose a write made inside a sync.
+TEST_F(RedisMom, DataSyncWritesSurviveAFlushedScriptCache) {
+    ilm_t a(1, 1), b(2, 1);
+    for (const ilm_t *r : {&a, &b}) ASSERT_EQ(TQ_MOM_OK, tq_mom_set_sync(&ctx_, DB, r->msg()));
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_dsbegin_sync(&ctx_, DB, a.msg(), TQ_MOM_MODE_TABLE, 60, 0));
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_set_sync(&ctx_, DB, a.msg()));  // loads the script
+    ilm_t a2(1, 2), b2(2, 2);
+    cli_->command({"SCRIPT", "FLUSH"});
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_set_sync(&ctx_, DB, b2.msg()));
+    cli_->command({"SCRIPT", "FLUSH"});
+    ASSERT_EQ(TQ_MOM_OK, batched(a2.msg()));  // refused in the pipeline, sent again
+    uint32_t flag = 0;
+    ASSERT_EQ(TQ_MOM_OK, tq_mom_dsend(&ctx_, DB, a.msg(), TQ_MOM_MODE_TABLE, ds_cb, &flag));
+    for (const ilm_t *r : {&a2, &b2}) {
+        std::string got;
+        EXPECT_TRUE(cli_->get(rkey(r->msg()), got));
+        EXPECT_EQ(seen_of(0, 0, r->msg()).bytes, got);
+    }
+    EXPECT_EQ(0u, tq_mom_redis_write_errors(mom_));
 }
 
 TEST_F(RedisMom, PipelinedWritesFlushWhenTheBatchFillsOrTheTurnEnds) {
@@ -180,6 +259,10 @@ TEST_F(RedisMom, LostServerIsReportedAndTheLinkComesBack) {
     cli_->select(DB);
     ASSERT_TRUE(pump([&] { return types.size() == 2; }, 5000));
     EXPECT_EQ(TQ_MOM_CONN_BACK, types[1]);
+    ASSERT_TRUE(pump([&] { return !seen.empty(); }));
+    EXPECT_EQ(TQ_MOM_CMD_END, seen[0].cmd);  // the subscription ends again: time to re-sync
+    EXPECT_EQ(TQ_MOM_FLAG_SCAN_OVER, seen[0].flag);
+    seen.clear();
     put(after.msg());
     ASSERT_TRUE(pump([&] { return !seen.empty(); })) << "subscriptions are back";
     EXPECT_EQ(TQ_MOM_CMD_SET, seen[0].cmd);

@@ -7,6 +7,9 @@ int g_conn_runs = 0;
 int on_conn() { return ++g_conn_runs, 0; }
 uint32_t g_reconn_db = 0;
 int on_reconn(uint32_t db) { return g_reconn_db = db, 0; }
+int g_ds_runs = 0;
+int on_ds() { return ++g_ds_runs, 0; }
+int on_rec(void *, void *) { return 0; }
 
 // Three tables on two databases: the second table of db 6 shares its connection.
 class RtTblConn : public RtTblTest {
@@ -16,6 +19,7 @@ protected:
         if (IsSkipped()) return;
         g_conn_runs = 0;
         g_reconn_db = 0;
+        g_ds_runs = 0;
         init(4);
         t_[0] = ilm_tbl(6);
         t_[1] = intf_tbl(10);
@@ -65,16 +69,26 @@ TEST_P(RtTblConn, LostConnectionEndsTheProcess) {
     EXPECT_EXIT(mom_->cut(10), testing::ExitedWithCode(77), "");
 }
 
+// With exit cleared the tables wait for their end markers again, and the data
+// sync runs once more when every one is back.
 TEST_P(RtTblConn, LostConnectionOnlyLogsWithExitCleared) {
     connect();
+    ss_rt_tbl_reg_ds_func(on_ds);
+    for (ss_rt_tbl_t *t : t_) ASSERT_EQ(0, ss_rt_tbl_subscribe_detail(t, on_rec, on_rec, nullptr, 0));
+    ASSERT_TRUE(mom_->settle());
+    ASSERT_EQ(1, g_ds_runs);
     ss_rt_tbl_reg_reconnect(on_reconn, 0);
     ss_rt_tbl_ctl.dbg_level = RT_DBG_BRIEF;
     std::string out = stdout_of([&] { mom_->cut(10); });
     EXPECT_TRUE(has(out, "|table:0 db:10 type:1\n"));
     EXPECT_TRUE(has(out, "|conn error\n"));
     EXPECT_EQ(0u, g_reconn_db);
+    EXPECT_EQ(RT_ST_NULL, t_[1]->sub_st);
     mom_->restore(10);
     EXPECT_EQ(10u, g_reconn_db);
+    ASSERT_TRUE(mom_->settle());
+    EXPECT_EQ(2, g_ds_runs);
+    for (ss_rt_tbl_t *t : t_) EXPECT_EQ(RT_ST_OK, t->sub_st);
     EXPECT_EQ(0, tbl_reconn_cb(&ctx_, 6, 5, t_[0]));
     EXPECT_EQ(-4, tbl_reconn_cb(&ctx_, 6, 1, nullptr));
 }

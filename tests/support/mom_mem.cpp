@@ -3,6 +3,7 @@
 // what the lower layers would read.
 #include "tests/support/mom_mem.h"
 
+#include <algorithm>
 #include <array>
 #include <deque>
 #include <functional>
@@ -20,7 +21,6 @@ struct mem_rec_t {
     int type = 0;
     std::string bytes;                          // string record
     std::map<std::string, std::string> fields;  // hash record: field name -> packed field
-    bool marked = false;                        // data-sync mark
 };
 using mem_db_t = std::map<std::string, mem_rec_t, std::less<>>;
 
@@ -59,6 +59,7 @@ struct mem_notice_t {
 
 // The part of a table a call acts on.
 struct mem_slice_t {
+    mem_slice_t() = default;
     std::string table, prefix;
 
     mem_slice_t(const ProtobufCMessage *item, uint32_t mode)
@@ -69,8 +70,16 @@ struct mem_slice_t {
     }
 };
 
+// An open data sync: its slice and the keys not written since it began.
+struct mem_sync_t {
+    uint32_t db = 0;
+    mem_slice_t slice;
+    std::set<std::string, std::less<>> marks;
+};
+
 struct mom_mem_t : tq_mom_client_t {
     std::map<uint32_t, mem_db_t> dbs;
+    std::vector<mem_sync_t> syncs;
     std::vector<mem_sub_t> subs;
     std::deque<mem_notice_t> queue;
     std::map<uint32_t, mem_reconn_t> reconn;
@@ -196,6 +205,23 @@ std::vector<std::string> slice_keys(mom_mem_t *m, uint32_t db, const mem_slice_t
     return keys;
 }
 
+// Clears key's mark in every open sync that covers it; whether one does.
+bool unmark(mom_mem_t *m, uint32_t db, const std::string &key) {
+    bool covered = false;
+    for (mem_sync_t &s : m->syncs)
+        if (s.db == db && s.slice.holds(key)) {
+            s.marks.erase(key);
+            covered = true;
+        }
+    return covered;
+}
+
+// Hash field values as Redis compares them: a missing field equals an empty one.
+bool same_field(const mem_rec_t &rec, const std::string &name, const std::string &bytes) {
+    auto f = rec.fields.find(name);
+    return f == rec.fields.end() ? bytes.empty() : f->second == bytes;
+}
+
 // ---- operations ------------------------------------------------------------
 
 int op_connect_sync(tq_mom_client_t *c, void *, uint32_t db) {
@@ -267,9 +293,13 @@ int op_dsbegin(tq_mom_client_t *c, void *, uint32_t db, const ProtobufCMessage *
     mom_mem_t *m = mem_of(c);
     int rv = enter(m, MOM_MEM_OP_DSBEGIN, db);
     if (rv != 0) return rv;
-    if (expire <= 0) return TQ_MOM_ERR_PARAM;  // as Redis refuses a PEXPIRE of 0
-    for_slice(m, db, mem_slice_t(item, mode),
-              [](const std::string &, mem_rec_t &rec) { rec.marked = true; });
+    if (expire <= 0) return TQ_MOM_ERR_PARAM;  // still checked, though nothing expires
+    mem_sync_t sync{db, mem_slice_t(item, mode), {}};
+    for (std::string &key : slice_keys(m, db, sync.slice)) sync.marks.insert(std::move(key));
+    std::erase_if(m->syncs, [&](const mem_sync_t &s) {
+        return s.db == db && s.slice.prefix == sync.slice.prefix;
+    });
+    m->syncs.push_back(std::move(sync));
     return 0;
 }
 
@@ -278,15 +308,21 @@ int op_dsend(tq_mom_client_t *c, void *global, uint32_t db, const ProtobufCMessa
     mom_mem_t *m = mem_of(c);
     int rv = enter(m, MOM_MEM_OP_DSEND, db);
     if (rv != 0) return rv;
-    std::vector<std::string> swept;
+    mem_slice_t slice(item, mode);
     bool any_hash = m->hash_tables.count({db, item->descriptor->name}) != 0;
-    for_slice(m, db, mem_slice_t(item, mode), [&](const std::string &key, mem_rec_t &rec) {
+    for_slice(m, db, slice, [&](const std::string &, mem_rec_t &rec) {
         any_hash = any_hash || rec.type == REC_HASH;
-        if (rec.marked) swept.push_back(key);
     });
-    for (const std::string &key : swept) {
-        m->dbs[db].erase(key);
-        queue_del(m, db, key);
+    auto sync = std::find_if(m->syncs.begin(), m->syncs.end(), [&](const mem_sync_t &s) {
+        return s.db == db && s.slice.prefix == slice.prefix;
+    });
+    if (sync != m->syncs.end()) {
+        std::set<std::string, std::less<>> swept = std::move(sync->marks);
+        m->syncs.erase(sync);
+        for (const std::string &key : swept) {
+            unmark(m, db, key);  // an overlapping sync sees the delete as any other
+            if (m->dbs[db].erase(key) != 0) queue_del(m, db, key);
+        }
     }
     if (cb != nullptr)
         queue_ready(m, {global, cb, arg}, TQ_MOM_CMD_END,
@@ -302,10 +338,14 @@ int op_set(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool 
     if (rv != 0) return rv;
     std::string key;
     if ((rv = tq_mom_record_key(value, key)) != 0) return rv;
+    std::string bytes;
+    tq_mom_pack(value, bytes);
     mem_rec_t &rec = m->dbs[db][key];
+    // Inside an open sync an equal write leaves the record alone, notice and all.
+    if (unmark(m, db, key) && rec.type == REC_STRING && rec.bytes == bytes) return 0;
     rec = mem_rec_t{};
     rec.type = REC_STRING;
-    tq_mom_pack(value, rec.bytes);
+    rec.bytes = std::move(bytes);
     queue_read(m, db, key, TQ_MOM_CMD_SET);
     return 0;
 }
@@ -317,19 +357,20 @@ int op_hmset(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, boo
     if (rv != 0) return rv;
     std::string key;
     std::vector<std::pair<std::string, std::string>> fields;
-    if ((rv = tq_mom_record_key(value, key)) != 0 || (rv = tq_mom_hash_fields(value, fields)) != 0)
+    if ((rv = tq_mom_record_key(value, key)) != 0 || (rv = tq_mom_hash_write(value, fields)) != 0)
         return rv;
     mem_db_t &d = m->dbs[db];
     auto it = d.find(key);
     if (it != d.end() && it->second.type == REC_STRING) return TQ_MOM_ERR;  // wrong type
-    if (fields.empty()) {  // nothing to write; the mark still goes
-        if (it != d.end()) it->second.marked = false;
-        return 0;
-    }
+    bool in_sync = unmark(m, db, key);
+    if (fields.empty()) return 0;  // nothing to write: Redis has no empty hash
     m->hash_tables.emplace(db, value->descriptor->name);
+    if (in_sync && it != d.end() &&
+        std::all_of(fields.begin(), fields.end(),
+                    [&](const auto &f) { return same_field(it->second, f.first, f.second); }))
+        return 0;
     mem_rec_t &rec = d[key];
     rec.type = REC_HASH;
-    rec.marked = false;
     for (auto &[name, bytes] : fields) rec.fields[name] = std::move(bytes);
     queue_read(m, db, key, TQ_MOM_CMD_HSET);
     return 0;
@@ -342,6 +383,7 @@ int op_del(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *value, bool 
     if (rv != 0) return rv;
     std::string key;
     if ((rv = tq_mom_record_key(value, key)) != 0) return rv;
+    unmark(m, db, key);
     if (m->dbs[db].erase(key) != 0) queue_del(m, db, key);
     return 0;
 }
@@ -375,7 +417,7 @@ void op_destroy(tq_mom_client_t *c) { delete mem_of(c); }
 const tq_mom_ops_t MOM_MEM_OPS = {
     "mem",        op_connect_sync, op_connect, op_set_reconnect_cb, op_subscribe, op_scan,
     op_dsbegin,   op_dsend,        op_set,     op_hmset,            op_del,       op_publish,
-    op_get,       op_destroy,
+    op_get,       op_destroy,      nullptr,  // no other client to watch for
 };
 
 }  // namespace
@@ -412,6 +454,8 @@ void mom_mem_fail_next(tq_mom_client_t *c, mom_mem_op_t op, uint32_t n, int code
 void mom_mem_conn_lost(tq_mom_client_t *c, uint32_t db) {
     mom_mem_t *m = mem_of(c);
     m->lost.insert(db);
+    // The marks live in the client: a lost connection drops them, nothing was stored.
+    std::erase_if(m->syncs, [&](const mem_sync_t &s) { return s.db == db; });
     auto it = m->reconn.find(db);
     if (it != m->reconn.end() && it->second.cb != nullptr)
         it->second.cb(it->second.global, db, TQ_MOM_CONN_LOST, it->second.arg);
@@ -423,6 +467,9 @@ void mom_mem_conn_back(tq_mom_client_t *c, uint32_t db) {
     auto it = m->reconn.find(db);
     if (it != m->reconn.end() && it->second.cb != nullptr)
         it->second.cb(it->second.global, db, TQ_MOM_CONN_BACK, it->second.arg);
+    // Subscriptions come back as on Redis: each ends with its marker again.
+    for (const mem_sub_t &s : m->subs)
+        if (s.db == db) queue_ready(m, s.to, TQ_MOM_CMD_END, TQ_MOM_FLAG_SCAN_OVER, nullptr);
 }
 
 mom_mem_msg_ptr mom_mem_get(tq_mom_client_t *c, uint32_t db,

@@ -3,9 +3,14 @@
 // mom_mem_dispatch_all(), so a write made from inside a callback never recurses.
 // Set and hset notices read the record when delivered (a record gone by then
 // delivers nothing, its delete follows); deletes and expiries carry the record
-// rebuilt from its key. tq_mom_dsend queues the deletes of the sweep, then its
-// own cmd 29: PEXPIREFIELD_OVER once the table has held a hash record on that
-// database, PEXPIREDEL_OVER otherwise. Scans call back before they return.
+// rebuilt from its key. Data sync as on Redis: tq_mom_dsbegin_sync keeps the
+// slice's keys as marks in the client; a write or delete clears a key's mark,
+// and inside the sync a write equal to the stored record changes nothing and
+// gives no notice; a lost connection drops the marks of its db. tq_mom_dsend
+// queues the deletes of the keys still marked, then its own cmd 29:
+// PEXPIREFIELD_OVER once the table has held a hash record on that database,
+// PEXPIREDEL_OVER otherwise. Hash writes store what tq_mom_hash_write gives.
+// Scans call back before they return.
 //
 //   tq_mom_client_t *mom = mom_mem_new();
 //   tq_global_t ctx = mom_mem_ctx(mom);           // pass &ctx as `global`
