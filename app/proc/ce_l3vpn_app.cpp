@@ -100,11 +100,6 @@ bool first_opcode_changed(ce_app_node_t *app, uint32_t del_op, uint32_t nhop_num
     return true;
 }
 
-// Every node is rewritten, whatever one write returns.
-int in_adj_ttl_walk(ce_in_adj_node_t *node, void *) {
-    ce_in_adj_op_hw(node, CE_HW_ADD);
-    return 0;
-}
 
 struct ds_sum_t {
     uint32_t entries;
@@ -121,12 +116,21 @@ int ds_sum_walk(ce_app_node_t *app, void *arg) {
     }
     return 0;
 }
+// An ILM's in-label in FE carries its oldest next hop's label operation. With
+// several next hops it is written again only when the oldest one is rebound.
+void ilm_fe_follow_oldest(ce_nhop_node_t *nhop, const ce_in_adj_node_t *old_adj) {
+    ce_app_node_t *app = nhop->app_node;
+    if (app->owner != CE_OWNER_ILM || app->nhop_num < 2) return;
+    if (old_adj == nullptr || old_adj == nhop->in_adj || ce_app_node_oldest_nhop(app) != nhop) return;
+    ce_l3vpn_ilm_op_hw(app, nhop->in_adj, CE_HW_ADD, ce_l3vpn_ttl_copy);
+}
 }  // namespace
 
 // ---- add ------------------------------------------------------------------------------
 
 int ce_l3vpn_app_add(ce_msg_comm_t *msg) {
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, ">>> app add ");
+    if (ce_l3vpn_app_ds_defer(msg)) return 0;
     bool nhop_is_new = false;
     ce_nhop_node_t *nhop = ce_app_node_add(msg, &nhop_is_new);
     if (nhop == nullptr) return 11;
@@ -137,8 +141,10 @@ int ce_l3vpn_app_add(ce_msg_comm_t *msg) {
         return 11;
     }
     if (ce_list_empty(&in_adj->nhop_list)) ce_in_adj_op_hw(in_adj, CE_HW_ADD);
+    ce_in_adj_node_t *old_adj = nhop->in_adj;
     ce_nhop_bind_in_adj(nhop, in_adj);
     ce_app_op_hw(msg->owner, nhop, CE_HW_ADD);
+    ilm_fe_follow_oldest(nhop, old_adj);
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, "<<<< add app Over ");
     return 0;
 }
@@ -162,6 +168,7 @@ ce_nhop_node_t *ce_app_node_add(ce_msg_comm_t *msg, bool *nhop_is_new) {
         *nhop_is_new = true;
     }
     nhop->nhop_attr = msg->nhop_attr;
+    nhop->sync_gen = ce_l3vpn_sync_gen;
     ce_bind_nhop_node_to_app_node(nhop, app);
     return nhop;
 }
@@ -236,12 +243,21 @@ int ce_l3vpn_app_del(ce_msg_comm_t *msg) {
     uint32_t del_op = nhop_opcode(nhop);
     uint32_t nhop_num_before = app->nhop_num;
     bool last = app->nhop_list.next == &nhop->app_link && app->nhop_list.prev == &nhop->app_link;
+    // FE's in-label follows the oldest next hop: when that one goes, the next
+    // oldest takes over (unless it shares the label operation).
+    ce_nhop_node_t *heir = nullptr;
+    if (!last && app->owner == CE_OWNER_ILM && ce_app_node_oldest_nhop(app) == nhop &&
+        nhop_of(nhop->app_link.prev)->in_adj != nhop->in_adj)
+        heir = nhop_of(nhop->app_link.prev);
     // Withdraws the route from EF once more and the in_adj node from UC if it was its last user.
     ce_nhop_bind_in_adj(nhop, nullptr);
     ce_app_node_del(nhop);  // frees app with its last next hop
     if (last) return 0;
 
-    if (!first_opcode_changed(app, del_op, nhop_num_before)) return 0;
+    if (!first_opcode_changed(app, del_op, nhop_num_before)) {
+        if (heir != nullptr) ce_l3vpn_ilm_op_hw(app, heir->in_adj, CE_HW_ADD, ce_l3vpn_ttl_copy);
+        return 0;
+    }
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, "wk nhop node, because opcode POP or change, first_opcode: %d",
                  static_cast<int>(app->first_opcode));
     ce_opcode_chg_update_app_nhop_and_opcode(app);
@@ -287,6 +303,12 @@ void ce_opcode_chg_update_app_nhop_and_opcode(ce_app_node_t *app) {
         ce_app_set_to_ef(nhop_of(l), CE_HW_ADD);
 }
 
+// Every node is rewritten, whatever one write returns.
+int ce_in_adj_wk_add_hw(ce_in_adj_node_t *node, void *) {
+    ce_in_adj_op_hw(node, CE_HW_ADD);
+    return 0;
+}
+
 int ce_ilm_wk_add_hw(ce_app_node_t *app, void *) {
     ce_nhop_node_t *oldest = ce_app_node_oldest_nhop(app);
     if (oldest == nullptr) {
@@ -312,6 +334,7 @@ int ce_l3vpn_app_init(void) {
 // Written to FE only on a change.
 int ce_l3vpn_app_mpls_enable_op(uint8_t enable) {
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, ">>> app mpls %s ", enable ? "enable" : "disable");
+    ce_l3vpn_app_ds_saw_mpls();
     if (ce_l3vpn_mpls_enable != enable) {
         ce_l3vpn_mpls_enable = enable;
         ce_l3vpn_mpls_enable_hw_op(enable);
@@ -324,9 +347,10 @@ int ce_l3vpn_app_mpls_enable_op(uint8_t enable) {
 // is written on every request.
 int ce_l3vpn_app_ttl_copy_op(uint8_t enable) {
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, ">>> app ttl copy %s ", enable ? "enable" : "disable");
+    ce_l3vpn_app_ds_saw_ttl();
     if (ce_l3vpn_ttl_copy != enable) {
         ce_l3vpn_ttl_copy = enable;
-        ce_l3vpn_in_adj_db_walkthrough(in_adj_ttl_walk, nullptr);
+        ce_l3vpn_in_adj_db_walkthrough(ce_in_adj_wk_add_hw, nullptr);
         ce_app_node_db_walkthrough(CE_OWNER_ILM, ce_ilm_wk_add_hw, nullptr);
     }
     ce_l3vpn_ttl_copy_hw_op(enable);
@@ -363,4 +387,5 @@ void ce_l3vpn_app_reset(void) {
     ce_l3vpn_mpls_enable = 0;
     ce_l3vpn_ttl_copy = 0;
     ce_in_adj_mpls_id = 0;
+    ce_l3vpn_app_ds_reset();
 }

@@ -21,6 +21,8 @@ void ce_app_op_hw(uint32_t owner, ce_nhop_node_t *nhop, uint8_t add_or_del);
 void ce_app_set_to_ef(ce_nhop_node_t *nhop, uint8_t add_or_del);
 void ce_opcode_chg_update_app_nhop_and_opcode(ce_app_node_t *app);
 int ce_ilm_wk_add_hw(ce_app_node_t *app, void *arg);
+// Walk callback that programs one inner adjacency to UC again (gate, add).
+int ce_in_adj_wk_add_hw(ce_in_adj_node_t *node, void *arg);
 
 int ce_l3vpn_app_mpls_enable_op(uint8_t enable);
 int ce_l3vpn_app_ttl_copy_op(uint8_t enable);
@@ -29,5 +31,24 @@ int ce_ttl_copy_enable_recover(uint8_t enable);
 int ce_l3vpn_app_in_adj_recover(const ce_msg_comm_t *msg, uint64_t mpls_id);
 // End of a data sync: the walk over the app-node databases.
 int ce_l3vpn_app_ds_over(void);
+
+// ---- the forwarding state across a data sync (ce_l3vpn_app_sync.cpp) ----
+// Every next hop that an input adds or re-adds is stamped with the current
+// sync generation; what a replay did not stamp has lost its input.
+extern uint32_t ce_l3vpn_sync_gen;
+// Before the inputs are replayed: a new generation, no switch input seen yet.
+void ce_l3vpn_app_ds_begin(void);
+// Called by the switch operations: their input was seen during this sync.
+// During the first sync of a process, an add waits for the end of the replay
+// (true: taken, nothing to do now).
+bool ce_l3vpn_app_ds_defer(const ce_msg_comm_t *msg);
+void ce_l3vpn_app_ds_saw_mpls(void);
+void ce_l3vpn_app_ds_saw_ttl(void);
+// After the replay, before the sweep of the outputs: removes what lost its
+// input while nobody listened, drops read-back adjacencies no entry claimed,
+// and (when the state was live before the sync) rewrites every record the
+// replay leaves alone, so the sweep keeps exactly what the state holds.
+void ce_l3vpn_app_ds_settle(void);
+void ce_l3vpn_app_ds_reset(void);  // tests: as a fresh process
 // Frees all forwarding state and resets the switches and the id counter (tests).
 void ce_l3vpn_app_reset(void);

@@ -24,6 +24,7 @@ struct ce_nhop_node_t {
     ce_in_adj_node_t *in_adj;
     ce_list_t in_adj_link;  // in in_adj->nhop_list
     uint8_t set_to_ef;
+    uint32_t sync_gen;  // the data sync that last saw its input (ce_l3vpn_sync_gen)
 };
 
 struct ce_app_db_t {

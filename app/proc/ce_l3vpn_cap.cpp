@@ -72,16 +72,11 @@ void cap_subscribe(const ce_l3vpn_cap_t &c) {
                                          ce_l3vpn_cap_bool_chg_callback);
 }
 
-int cap_notify_pi(void) {
-    ce_l3vpn_ability_t ability;
-    ce_l3vpn_cap_build_ability(&ability);
-    return ce_l3vpn_proto_ability_notify(&ability);
-}
 
 int cap_global_ready(void) {
     CE_L3VPN_LOG(CE_L3VPN_INFO, "wake up from global cap ready. get global cap, notify to PI \n");
     for (ce_l3vpn_cap_t &c : ce_l3vpn_cap_tbl) cap_read(c);
-    cap_notify_pi();
+    ce_l3vpn_cap_notify_pi();
     if (ce_l3vpn_cap_subscribed) return 0;
     ce_l3vpn_cap_subscribed = true;
     for (const ce_l3vpn_cap_t &c : ce_l3vpn_cap_tbl) cap_subscribe(c);
@@ -120,7 +115,7 @@ int cap_chg_callback(const char *func, const char *text, libs_cap_msg_t *pmsg,
     CE_L3VPN_LOG_FN(func, CE_L3VPN_INFO, "%s", text);
     int rv = cap_apply_change(pmsg, extract, store);
     if (rv == 0) {
-        cap_notify_pi();
+        ce_l3vpn_cap_notify_pi();
         return 0;
     }
     CE_L3VPN_LOG_FN(func, CE_L3VPN_ERROR, "Fail, rv %d, pmsg parse", rv);
@@ -268,4 +263,10 @@ int ce_l3vpn_cap_dump(int is_form) {
                i32 ? c.cur_int32 : c.cur_bool, i32 ? c.def_int32 : c.def_bool);
     }
     return 0;
+}
+
+int ce_l3vpn_cap_notify_pi(void) {
+    ce_l3vpn_ability_t ability;
+    ce_l3vpn_cap_build_ability(&ability);
+    return ce_l3vpn_proto_ability_notify(&ability);
 }

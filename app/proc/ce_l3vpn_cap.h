@@ -62,3 +62,6 @@ bool ce_l3vpn_cap_ilm_multi_action(void);
 // Prints the table (name, path, kind, current, default); is_form 1 adds a
 // header and a rule. Returns 0.
 int ce_l3vpn_cap_dump(int is_form);
+
+// Sends the ability record, as it stands now, to PI.
+int ce_l3vpn_cap_notify_pi(void);

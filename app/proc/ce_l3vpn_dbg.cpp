@@ -357,15 +357,25 @@ int cmd_status_cnt_op(const ssat_args_t *a) {
                             : tq_mom_del_sync(ce_l3vpn_global, db, &rec.base);
 }
 
+// Sets the flag of the interface's record and keeps the rest of it: a hash
+// write stores every scalar it carries, zeros included.
 int cmd_data_if_flag_op(const ssat_args_t *a) {
     PIntf__Intfindex key = P_INTF__INTFINDEX__INIT;
     key.index = arg_u(a, 1);
     PIntf__DataIntf rec = P_INTF__DATA_INTF__INIT;
     rec.index = &key;
-    rec.statis_flag = static_cast<int32_t>(arg_i(a, 2));
     uint32_t db = tbl_db(CE_TBL_DATA_INTF);
-    return arg_i(a, 0) != 0 ? tq_mom_hmset_sync(ce_l3vpn_global, db, &rec.base)
-                            : tq_mom_del_sync(ce_l3vpn_global, db, &rec.base);
+    if (arg_i(a, 0) == 0) return tq_mom_del_sync(ce_l3vpn_global, db, &rec.base);
+    ProtobufCMessage *stored = nullptr;
+    if (tq_mom_get_sync(ce_l3vpn_global, db, &rec.base, &stored) == TQ_MOM_OK && stored != nullptr) {
+        auto *old = reinterpret_cast<PIntf__DataIntf *>(stored);
+        old->statis_flag = static_cast<int32_t>(arg_i(a, 2));
+        int rv = tq_mom_hmset_sync(ce_l3vpn_global, db, stored);
+        tq_mom_free(stored);
+        return rv;
+    }
+    rec.statis_flag = static_cast<int32_t>(arg_i(a, 2));
+    return tq_mom_hmset_sync(ce_l3vpn_global, db, &rec.base);
 }
 
 int cmd_tunnel_sc_op(const ssat_args_t *a) {

@@ -114,8 +114,10 @@ ce_l3vpn_err_row_t ce_l3vpn_err_tbl[CE_ERR_ROWS] = {
     /*  89 */ row("NOTIFY_ABILITY", 1),
     // Kept at level 1 on purpose: a refused ability record is not an alarm.
     /*  90 */ row("ERR_NOTIFY_ABILITY_HW", 1),
-    /*  91 */ {},
-    /*  92 */ {},
+    // Outputs changed by another client, each repaired by a data sync.
+    /*  91 */ row("OUTPUT_DRIFT", 3),
+    // Next hops whose input went while nobody listened, removed by a data sync.
+    /*  92 */ row("DS_INPUT_GONE", 3),
     /*  93 */ {},
     /*  94 */ {},
     /*  95 */ {},

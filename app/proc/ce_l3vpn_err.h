@@ -120,6 +120,8 @@ enum ce_l3vpn_err_code_t {
     CE_ERR_HW_ILM = 88,
     CE_ERR_NOTIFY_ABILITY = 89,
     CE_ERR_HW_NOTIFY_ABILITY = 90,
+    CE_ERR_OUTPUT_DRIFT = 91,
+    CE_ERR_DS_INPUT_GONE = 92,
     CE_ERR_DATA_IF_CNT_PUB = 94,   // unnamed row: interface counters published
     CE_ERR_DATA_IF_CNT_FAIL = 96,  // unnamed row: interface counters not written
     CE_ERR_STATUS_CNT_PUB = 97,    // unnamed row: tunnel counters written

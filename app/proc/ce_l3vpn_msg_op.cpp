@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "app/proc/ce_l3vpn_app.h"
+#include "app/proc/ce_l3vpn_cap.h"
 #include "app/proc/ce_l3vpn_cnt.h"
 #include "app/proc/ce_l3vpn_dump.h"
 #include "app/proc/ce_l3vpn_err.h"
@@ -10,6 +11,7 @@
 #include "app/proc/ce_l3vpn_msg_parse.h"
 #include "app/proc/ce_l3vpn_switch.h"
 #include "app/proc/ce_l3vpn_tbl.h"
+#include "platform/runtime/tq_global.h"
 
 namespace {
 // ---- subscriptions and data sync ---------------------------------------------
@@ -69,6 +71,45 @@ void ce_l3_read_back(void) {
             tq_mom_scan_sync(ce_l3vpn_global, t->db, t->item, TQ_MOM_MODE_OWNER,
                              ce_l3_in_adj_bak_cb, nullptr);
     }
+}
+
+// ---- repair of outputs changed behind the daemon's back ---------------------------
+
+// A change by another client to one of the outputs (a delete, a rewrite, a
+// flush) runs the data sync again a second later: the sync rewrites exactly
+// what differs from the forwarding state and sweeps what it does not hold.
+// Notices that follow within that second ride on the same sync.
+constexpr uint32_t kRepairDelayS = 1;
+tq_timer_t *repair_timer = nullptr;
+bool repair_pending = false;
+bool repair_ability = false;  // the ability record is not part of the sync: sent again apart
+
+int ce_l3_repair_cb(void *) {
+    repair_pending = false;
+    // While the link is down or coming back, the sync that its return runs
+    // repairs the outputs too; writes made now would fail.
+    if (!ss_rt_tbl_sub_all_ok()) return 0;
+    CE_L3VPN_LOG(CE_L3VPN_WARN, "outputs changed by another client, data sync again");
+    CE_L3VPN_ERR_REC(CE_ERR_OUTPUT_DRIFT);
+    ce_l3_data_check();
+    if (repair_ability && ce_l3vpn_cap_subscribed) ce_l3vpn_cap_notify_pi();
+    repair_ability = false;
+    return 0;
+}
+
+void ce_l3_drift_cb(ss_rt_tbl_t *table) {
+    if (table == ce_l3vpn_tbl_handles[CE_TBL_FWD_ABILITY]) repair_ability = true;
+    if (repair_pending) return;
+    repair_pending = true;
+    CE_L3VPN_LOG(CE_L3VPN_INFO, "output %s changed by another client", ss_rt_tbl_name(table));
+    tq_thread_insert_timer(tq_global_master(ce_l3vpn_global), &repair_timer, ce_l3_repair_cb,
+                           nullptr, kRepairDelayS, "ds repair");
+}
+
+void ce_l3_watch_outputs(void) {
+    for (const ce_l3_ds_t &d : kDsTables)
+        ss_rt_tbl_watch_detail(ce_l3vpn_tbl_handles[d.tbl], d.mode, ce_l3_drift_cb);
+    ss_rt_tbl_watch_detail(ce_l3vpn_tbl_handles[CE_TBL_FWD_ABILITY], TQ_MOM_MODE_TABLE, ce_l3_drift_cb);
 }
 
 // ---- FTN, VC-FTN and ILM handlers --------------------------------------------
@@ -154,6 +195,7 @@ int ce_l3vpn_fun_subscribe(void) {
     for (const ce_l3_sub_t &s : kSubs)
         rv |= ss_rt_tbl_subscribe_detail(ce_l3vpn_tbl_handles[s.tbl], s.add, s.del, nullptr, 0);
     CE_L3VPN_LOG(CE_L3VPN_INFO, "<<<<<< SUBSCRIBE OVER \n");
+    ce_l3_watch_outputs();
     if (rv != 0) CE_L3VPN_LOG(CE_L3VPN_ERROR, "subscribe fail");
     return rv;
 }
@@ -163,8 +205,10 @@ int ce_l3_data_check(void) {
     ce_l3_read_back();
     for (const ce_l3_ds_t &d : kDsTables)
         ss_rt_tbl_ds_begin_detail(ce_l3vpn_tbl_handles[d.tbl], 3600, d.mode);
+    ce_l3vpn_app_ds_begin();
     for (ce_l3vpn_tbl_idx_t idx : kReplay) ss_rt_tbl_scan_detail(ce_l3vpn_tbl_handles[idx], nullptr, 0);
     ss_rt_tbl_scan_detail(ce_l3vpn_tbl_handles[CE_TBL_SRTE_STATUS_CNT], ce_l3_status_cnt_bak_cb, 0);
+    ce_l3vpn_app_ds_settle();
     for (const ce_l3_ds_t &d : kDsTables) ss_rt_tbl_ds_end_detail(ce_l3vpn_tbl_handles[d.tbl], d.mode);
     ce_l3vpn_app_ds_over();
     CE_L3VPN_LOG(CE_L3VPN_INFO, "<<<<< DS OVER \n");

@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "app/proc/ce_l3vpn_err.h"
 #include "app/proc/ce_l3vpn_msg.h"
 #include "app/proc/ce_l3vpn_tbl.h"
 #include "p_libpub.pb-c.h"
+#include "platform/mom/tq_mom.h"
 #include "p_mpls.pb-c.h"
 #include "s_route.pb-c.h"
 #include "u_mpls.pb-c.h"
@@ -78,9 +80,32 @@ void count_row(ce_l3vpn_err_code_t code, long line) {
 // Sets the record (add) or deletes it by its key (del). The add or delete row
 // is counted on every attempt and the error row on top of it when the library
 // refuses: the double count is intended.
+// While a probe runs, a write reads instead: does the store hold the record
+// exactly as this write would make it? Nothing is written or counted.
+struct ce_proto_probe_t {
+    bool active;
+    bool held;
+};
+ce_proto_probe_t probe;
+
+bool store_holds(ss_rt_tbl_t *table, const ProtobufCMessage *rec) {
+    ProtobufCMessage *stored = nullptr;
+    if (ss_rt_tbl_get_str(table, rec, 0, &stored) != SS_E_NONE || stored == nullptr) return false;
+    std::string want(protobuf_c_message_get_packed_size(rec), '\0');
+    std::string have(protobuf_c_message_get_packed_size(stored), '\0');
+    protobuf_c_message_pack(rec, reinterpret_cast<uint8_t *>(want.data()));
+    protobuf_c_message_pack(stored, reinterpret_cast<uint8_t *>(have.data()));
+    tq_mom_free(stored);
+    return want == have;
+}
+
 int proto_write(const char *func, long line, ce_l3vpn_tbl_idx_t tbl, const ProtobufCMessage *rec,
                 uint8_t add, const ce_proto_rows_t &rows) {
     ss_rt_tbl_t *table = ce_l3vpn_tbl_handles[tbl];
+    if (probe.active) {
+        probe.held = add && store_holds(table, rec);
+        return SS_E_NONE;
+    }
     int rv;
     if (add) {
         rv = ss_rt_tbl_add_str(table, rec, 1, 0);
@@ -150,10 +175,9 @@ void ilm_vir_addr(uint8_t pro, uint32_t in_label, uint8_t out[16], uint32_t *mas
 
 // ---- EF ------------------------------------------------------------------------------
 
-int ce_l3vpn_ftn_op_call_ef(ce_nhop_node_t *nhop, uint8_t add) {
+int ftn_rt_op(const char *func, ce_nhop_node_t *nhop, uint8_t add) {
     const ce_app_node_t *app = nhop->app_node;
     const ce_in_adj_node_t *in_adj = nhop->in_adj;
-    CE_L3VPN_LOG(CE_L3VPN_INFO, "hw %s ftn to ef", add_word(add));
 
     ce_ip_buf_t prefix, nh_ip;
     SRoute__CommRtKey key = S_ROUTE__COMM_RT_KEY__INIT;
@@ -177,7 +201,7 @@ int ce_l3vpn_ftn_op_call_ef(ce_nhop_node_t *nhop, uint8_t add) {
         rec.nh_ifx_type = nhop->nhop_attr.ifx_type;
         rec.fast_switch_id = 0;
     }
-    return CE_PROTO_WRITE(CE_TBL_FTN_RT, rec, add, kFtnRtRows);
+    return proto_write(func, __LINE__, CE_TBL_FTN_RT, &rec.base, add, kFtnRtRows);
 }
 
 // The virtual route of a VC-FTN or ILM next hop: a made-up host route whose
@@ -220,6 +244,21 @@ int vir_rt_op_call_ef(const char *func, ce_nhop_node_t *nhop, uint8_t add, bool 
     return proto_write(func, __LINE__, CE_TBL_VC_FTN_VIR_RT, &rec.base, add, kVcFtnVirRows);
 }
 
+// The route of a next hop by its entry's owner, without the log line.
+int rt_op_by_owner(const char *func, ce_nhop_node_t *nhop, uint8_t add) {
+    switch (nhop->app_node->owner) {
+        case CE_OWNER_FTN: return ftn_rt_op(func, nhop, add);
+        case CE_OWNER_VC_FTN: return vir_rt_op_call_ef(func, nhop, add, false);
+        case CE_OWNER_ILM: return vir_rt_op_call_ef(func, nhop, add, true);
+        default: return 1;
+    }
+}
+
+int ce_l3vpn_ftn_op_call_ef(ce_nhop_node_t *nhop, uint8_t add) {
+    CE_L3VPN_LOG(CE_L3VPN_INFO, "hw %s ftn to ef", add_word(add));
+    return ftn_rt_op(__func__, nhop, add);
+}
+
 int ce_l3vpn_vc_ftn_op_call_ef(ce_nhop_node_t *nhop, uint8_t add) {
     CE_L3VPN_LOG(CE_L3VPN_INFO, "hw %s l2vpn virtual route to ef", add_word(add));
     return vir_rt_op_call_ef(__func__, nhop, add, false);
@@ -236,31 +275,33 @@ struct ce_in_adj_uc_t {
     uint32_t rt_owner;
     ce_l3vpn_tbl_idx_t tbl;
     ce_proto_rows_t rows;
-    bool vc;  // VC-FTN: the key's ifx and the VC words come from the node
+    bool vc;   // VC-FTN: the key's ifx and the VC words come from the node
+    bool ilm;  // ILM: the key's ifx and the record's vrf carry the node's ILM words,
+               // so that the node read back after a restart has the same key
 };
 
 constexpr ce_in_adj_uc_t kFtnInAdj{
     CE_RT_OWNER_FTN,
     CE_TBL_FTN_IN_ADJ,
     {CE_ERR_HW_FTN_IN_ADJ_ADD, CE_ERR_HW_FTN_IN_ADJ_DEL, CE_ERR_HW_FTN_IN_ADJ},
-    false};
+    false, false};
 constexpr ce_in_adj_uc_t kVcFtnInAdj{
     CE_RT_OWNER_VC_FTN,
     CE_TBL_VC_FTN_IN_ADJ,
     {CE_ERR_HW_VC_FTN_IN_ADJ_ADD, CE_ERR_HW_VC_FTN_IN_ADJ_DEL, CE_ERR_HW_VC_FTN_IN_ADJ},
-    true};
+    true, false};
 constexpr ce_in_adj_uc_t kIlmInAdj{
     CE_RT_OWNER_ILM,
     CE_TBL_ILM_IN_ADJ,
     {CE_ERR_HW_ILM_IN_ADJ_ADD, CE_ERR_HW_ILM_IN_ADJ_DEL, CE_ERR_HW_ILM_IN_ADJ},
-    false};
+    false, true};
 
 int in_adj_op_call_uc(const char *func, const ce_in_adj_uc_t &uc, ce_in_adj_node_t *in_adj,
                       uint8_t add, uint32_t ttl) {
     const ce_msg_data_t &d = in_adj->data;
     SRoute__InSubAdjKey key = S_ROUTE__IN_SUB_ADJ_KEY__INIT;
     key.t_rt_owner = uc.rt_owner;
-    key.ifx = uc.vc ? d.vc_ifx : 0;
+    key.ifx = uc.vc ? d.vc_ifx : uc.ilm ? d.ilm_vc_ifx : 0;
     key.protocol = in_adj->pro != CE_PRO_IPV4 ? 1 : 0;
     key.ip = local_tnl_ip(in_adj->pro);
     key.mplsid = in_adj->mpls_id;
@@ -280,7 +321,7 @@ int in_adj_op_call_uc(const char *func, const ce_in_adj_uc_t &uc, ce_in_adj_node
         rec.opcode = d.opcode;
         rec.ext_mode = 0;
         rec.ttl_map = false;
-        rec.vrf = 0;
+        rec.vrf = uc.ilm ? d.vrf : 0;
         rec.mask_len = 0;
         rec.rcs_rt = false;
         rec.n_labels = n_labels;
@@ -410,12 +451,9 @@ int ce_l3vpn_in_adj_op_call_uc(ce_in_adj_node_t *in_adj, uint8_t add, uint32_t t
     }
 }
 
-int ce_l3vpn_ilm_op_hw(ce_app_node_t *app, ce_in_adj_node_t *in_adj, uint8_t add,
-                       uint8_t ttl_copy) {
-    CE_L3VPN_CHK_NULL(app);
-    if (add) CE_L3VPN_CHK_NULL(in_adj);
-    CE_L3VPN_LOG(CE_L3VPN_INFO, "hw %s ilm's inlabel to FE", add_word(add));
-
+namespace {
+int udp_ilm_op(const char *func, ce_app_node_t *app, ce_in_adj_node_t *in_adj, uint8_t add,
+               uint8_t ttl_copy) {
     UMpls__UdpIlmKey key = U_MPLS__UDP_ILM_KEY__INIT;
     key.in_label = app->key.ilm.inlabel;
     UMpls__UdpIlm rec = U_MPLS__UDP_ILM__INIT;
@@ -430,7 +468,36 @@ int ce_l3vpn_ilm_op_hw(ce_app_node_t *app, ce_in_adj_node_t *in_adj, uint8_t add
         rec.vc_ifx = (op == CE_OP_POP_L2DSTPORT || op == CE_OP_POP_L2SWITCH) ? d.ilm_vc_ifx : 0;
         rec.ttl_copy = ttl_copy != 0;
     }
-    return CE_PROTO_WRITE(CE_TBL_UDP_ILM, rec, add, kIlmRows);
+    return proto_write(func, __LINE__, CE_TBL_UDP_ILM, &rec.base, add, kIlmRows);
+}
+
+// Runs one write as a probe.
+template <typename Fn>
+bool probe_held(Fn &&write) {
+    probe = {true, false};
+    write();
+    bool held = probe.held;
+    probe = {false, false};
+    return held;
+}
+}  // namespace
+
+int ce_l3vpn_ilm_op_hw(ce_app_node_t *app, ce_in_adj_node_t *in_adj, uint8_t add,
+                       uint8_t ttl_copy) {
+    CE_L3VPN_CHK_NULL(app);
+    if (add) CE_L3VPN_CHK_NULL(in_adj);
+    CE_L3VPN_LOG(CE_L3VPN_INFO, "hw %s ilm's inlabel to FE", add_word(add));
+    return udp_ilm_op(__func__, app, in_adj, add, ttl_copy);
+}
+
+bool ce_l3vpn_ef_route_held(ce_nhop_node_t *nhop) {
+    if (nhop == nullptr || nhop->app_node == nullptr || nhop->in_adj == nullptr) return false;
+    return probe_held([&] { rt_op_by_owner(__func__, nhop, 1); });
+}
+
+bool ce_l3vpn_ilm_fe_held(ce_app_node_t *app, ce_in_adj_node_t *in_adj, uint8_t ttl_copy) {
+    if (app == nullptr || in_adj == nullptr) return false;
+    return probe_held([&] { udp_ilm_op(__func__, app, in_adj, 1, ttl_copy); });
 }
 
 void ce_l3vpn_set_local_tnl_addr(const uint8_t v4[4], const uint8_t v6[16]) {

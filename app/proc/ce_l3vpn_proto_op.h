@@ -46,3 +46,8 @@ void ce_l3vpn_set_local_tnl_addr(const uint8_t v4[4], const uint8_t v6[16]);
 // Takes the local tunnel address from L3VPN_LOCAL_TNL_V4 / L3VPN_LOCAL_TNL_V6
 // when they hold addresses; otherwise it stays 127.0.0.1 / ::1.
 void ce_l3vpn_proto_op_init(void);
+
+// Does the store hold, exactly, the EF route of this next hop / the FE in-label
+// of this ILM entry as a write would make it now? Reads only, counts nothing.
+bool ce_l3vpn_ef_route_held(ce_nhop_node_t *nhop);
+bool ce_l3vpn_ilm_fe_held(ce_app_node_t *app, ce_in_adj_node_t *in_adj, uint8_t ttl_copy);

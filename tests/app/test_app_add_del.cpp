@@ -143,6 +143,26 @@ TEST_P(IlmMultiActionTest, FeOnceAndEfByOpcodeMix) {
 }
 INSTANTIATE_TEST_SUITE_P(AbilityOffOn, IlmMultiActionTest, ::testing::Bool());
 
+// FE's in-label is the oldest next hop's: when that one goes and the next
+// shares its opcode but not its label, FE takes the next one's swap label.
+TEST_F(AppAddDelTest, IlmInLabelFollowsTheOldestNextHop) {
+    ce_msg_comm_t a = ilm_msg(40, nh4(2, 9), CE_OP_SWAP, {100});
+    ce_msg_comm_t b = ilm_msg(40, nh4(3, 10), CE_OP_SWAP, {200});
+    ce_msg_comm_t c = ilm_msg(40, nh4(4, 11), CE_OP_SWAP, {200});
+    for (ce_msg_comm_t *m : {&a, &b, &c}) ASSERT_EQ(0, ce_l3vpn_app_add(m));
+    const struct {
+        ce_msg_comm_t *gone;
+        uint32_t swap_label, fe_adds;
+    } steps[] = {{&c, 100, 1}, {&a, 200, 2}};  // a newer one goes: FE untouched
+    for (const auto &st : steps) {
+        ce_msg_comm_t d = as_del(*st.gone);
+        ASSERT_EQ(0, ce_l3vpn_app_del(&d));
+        ASSERT_EQ(1u, fe_ilms().size());
+        EXPECT_EQ(st.swap_label, fe_ilms()[0]->swap_label);
+        EXPECT_EQ(st.fe_adds, rows(CE_ERR_HW_ILM_ADD));
+    }
+}
+
 TEST_F(AppAddDelTest, TtlCopyRewritesAdjacenciesAndIlmsOnlyOnChange) {
     ce_msg_comm_t ftn = ftn_msg(1, nh4(2, 9), CE_OP_PUSH, {100});
     ce_msg_comm_t ilm = ilm_msg(16, nh4(2, 9), CE_OP_SWAP, {500});

@@ -46,11 +46,12 @@ const row_want_t kRows[] = {
     {79, "ERR_FTN_IN_ADJ_HW", 4}, {80, "VC_FTN_IN_ADJ_ADD", 1}, {81, "VC_FTN_IN_ADJ_DEL", 1},
     {82, "ERR_VC_FTN_IN_ADJ_HW", 4}, {83, "ILM_IN_ADJ_ADD", 1}, {84, "ILM_IN_ADJ_DEL", 1},
     {85, "ERR_ILM_IN_ADJ_HW", 4}, {86, "ILM_ADD", 1}, {87, "ILM_DEL", 1}, {88, "ERR_ILM_HW", 4},
-    {89, "NOTIFY_ABILITY", 1}, {90, "ERR_NOTIFY_ABILITY_HW", 1}, {104, kSep, 0},
+    {89, "NOTIFY_ABILITY", 1}, {90, "ERR_NOTIFY_ABILITY_HW", 1},
+    {91, "OUTPUT_DRIFT", 3}, {92, "DS_INPUT_GONE", 3}, {104, kSep, 0},
 };
 
 TEST(ErrTable, EveryRowNameAndLevel) {
-    ASSERT_EQ(std::size(kRows), 84u);  // and 21 empty rows
+    ASSERT_EQ(std::size(kRows), 86u);  // and 19 empty rows
     const row_want_t *want[CE_ERR_ROWS] = {};
     for (const auto &r : kRows) want[r.code] = &r;
     for (int code = 0; code < CE_ERR_ROWS; ++code) {

@@ -126,7 +126,8 @@ TEST_F(ProtoOpTest, VirtualRouteKeys) {
     EXPECT_TRUE(has(log_.text(), ": hw add l2vpn virtual route to ef"));
 }
 
-// Only the VC-FTN adjacency carries the pseudowire words and its interface.
+// Only the VC-FTN adjacency carries the pseudowire words; the ILM one carries its
+// vrf and interface, so that the adjacency read back has the key it was made with.
 TEST_F(ProtoOpTest, InnerAdjacencyPerOwner) {
     const struct {
         uint32_t owner;
@@ -137,7 +138,7 @@ TEST_F(ProtoOpTest, InnerAdjacencyPerOwner) {
          ": hw ftn add inner_adj to uc", CE_ERR_HW_FTN_IN_ADJ_ADD},
         {CE_OWNER_VC_FTN, "s_route.in_sub_adj|8|66|0|v4:127.0.0.1|4294967297",
          ": hw  vc_ftn add inner_adj to uc", CE_ERR_HW_VC_FTN_IN_ADJ_ADD},
-        {CE_OWNER_ILM, "s_route.in_sub_adj|7|0|0|v4:127.0.0.1|4294967297",
+        {CE_OWNER_ILM, "s_route.in_sub_adj|7|5|0|v4:127.0.0.1|4294967297",
          ": hw ilm add inner_adj to uc", CE_ERR_HW_ILM_IN_ADJ_ADD},
     };
     for (const auto &c : cases) {
@@ -149,8 +150,8 @@ TEST_F(ProtoOpTest, InnerAdjacencyPerOwner) {
         auto *r = only<SRoute__InSubAdj>(10, &s_route__in_sub_adj__descriptor, &key);
         ASSERT_NE(nullptr, r);
         EXPECT_EQ(c.key, key);
-        bool vc = c.owner == CE_OWNER_VC_FTN;
-        EXPECT_EQ((std::vector<uint32_t>{255, 0, vc ? 4u : 0u, vc ? 5u : 0u, vc ? 1u : 0u, 1, 0}),
+        bool vc = c.owner == CE_OWNER_VC_FTN, ilm = c.owner == CE_OWNER_ILM;
+        EXPECT_EQ((std::vector<uint32_t>{255, 0, vc ? 4u : 0u, vc ? 5u : 0u, vc ? 1u : 0u, 1, ilm ? 4u : 0u}),
                   (std::vector<uint32_t>{r->ttl, r->exp, r->vc_mode, r->sd_vid, r->cw, r->opcode,
                                          r->ext_mode + r->vrf + r->mask_len + r->stat_id}));
         EXPECT_EQ((std::vector<uint32_t>{100, 200}), std::vector<uint32_t>(r->labels, r->labels + r->n_labels));
