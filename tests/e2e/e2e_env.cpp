@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -36,7 +37,7 @@ void e2e_env_t::SetUp() {
 }
 
 // A sanitizer report from the daemon fails the test even when the outputs came out right.
-void e2e_env_t::fresh_store() {
+void e2e_store_t::fresh_store() {
     if (daemon_ != nullptr) {
         EXPECT_EQ(daemon_->sanitizer_report(), "");
     }
@@ -54,34 +55,34 @@ void e2e_env_t::TearDown() {
     EXPECT_EQ(daemon_->sanitizer_report(), "");
     if (HasFailure()) {
         std::string log = daemon_->log();
-        log.erase(0, log.size() > 3000 ? log.size() - 3000 : 0);
+        if (getenv("E2E_FULL_LOG") == nullptr) log.erase(0, log.size() > 3000 ? log.size() - 3000 : 0);
         fprintf(stderr, "---- daemon log, last lines ----\n%s\n", log.c_str());
     }
 }
 
-bool e2e_env_t::start_daemon(int log_level) {
+bool e2e_store_t::start_daemon(int log_level) {
     daemon_ = std::make_unique<daemon_proc_t>(dir_->path() + "/root", server_->mom_redis(), log_level);
     return daemon_->start();
 }
 
-void e2e_env_t::start(int log_level) {
+void e2e_store_t::start(int log_level) {
     ASSERT_TRUE(start_daemon(log_level));
     ASSERT_TRUE(wait_synced()) << daemon_->log();
 }
 
-bool e2e_env_t::wait_synced(int timeout_s) {
+bool e2e_store_t::wait_synced(int timeout_s) {
     ctl_result_t r = ctl({"wait-synced", "--timeout", std::to_string(timeout_s)});
     if (r.status != 0) fprintf(stderr, "wait-synced: %s%s", r.out.c_str(), r.err.c_str());
     return r.status == 0;
 }
 
-ctl_result_t e2e_env_t::ctl(const std::vector<std::string> &args) {
+ctl_result_t e2e_store_t::ctl(const std::vector<std::string> &args) {
     std::vector<std::string> words{"--redis", server_->mom_redis(), "--root", dir_->path() + "/root"};
     words.insert(words.end(), args.begin(), args.end());
     return run_ctl(words, dir_->path());
 }
 
-std::string e2e_env_t::dbg(const std::string &line) {
+std::string e2e_store_t::dbg(const std::string &line) {
     std::vector<std::string> args{"cmd", "udp-mpls-l3vpn"};
     std::istringstream words(line);
     for (std::string w; words >> w;) args.push_back(w);
@@ -90,7 +91,7 @@ std::string e2e_env_t::dbg(const std::string &line) {
     return r.out;
 }
 
-void e2e_env_t::write_records(const char *how, const std::vector<json> &recs) {
+void e2e_store_t::write_records(const char *how, const std::vector<json> &recs) {
     const std::string path = dir_->path() + "/records.jsonl";
     std::ofstream f(path);
     for (const json &r : recs) f << r.dump() << "\n";
@@ -99,21 +100,21 @@ void e2e_env_t::write_records(const char *how, const std::vector<json> &recs) {
     EXPECT_EQ(r.status, 0) << how << ": " << r.err;
 }
 
-std::string e2e_env_t::redis(int db, const std::vector<std::string> &words) {
+std::string e2e_store_t::redis(int db, const std::vector<std::string> &words) {
     redis_->select(db);
     return redis_->command(words);
 }
 
-std::vector<std::string> e2e_env_t::keys(int db, const std::string &pattern) {
+std::vector<std::string> e2e_store_t::keys(int db, const std::string &pattern) {
     redis_->select(db);
     return redis_->keys(pattern);
 }
 
-size_t e2e_env_t::count(const e2e_table_t &t) {
+size_t e2e_store_t::count(const e2e_table_t &t) {
     return keys(t.db, t.name + (t.owner != 0 ? "|" + std::to_string(t.owner) + "|*" : "*")).size();
 }
 
-std::vector<json> e2e_env_t::rows(const e2e_table_t &t) {
+std::vector<json> e2e_store_t::rows(const e2e_table_t &t) {
     ctl_result_t r = ctl({"dump", t.name, "--json"});
     EXPECT_EQ(r.status, 0) << r.err;
     std::vector<json> out;
@@ -124,19 +125,16 @@ std::vector<json> e2e_env_t::rows(const e2e_table_t &t) {
     return out;
 }
 
-std::string e2e_env_t::snapshot() {
+std::string e2e_store_t::snapshot() {
     ctl_result_t r = ctl({"dump", "all", "--json"});
     EXPECT_LE(r.status, 1) << r.err;  // 1: some record did not decode, as bad input leaves
     return r.out + r.err;
 }
 
-bool e2e_env_t::wait_outputs(const std::map<const e2e_table_t *, size_t> &want, int timeout_ms) {
+bool e2e_store_t::wait_outputs(const std::map<const e2e_table_t *, size_t> &want, int timeout_ms) {
     auto settled = [&] {
         for (const auto &[t, n] : want)
             if (count(*t) != n) return false;
-        // No record carries a data-sync mark (an expiry) any more.
-        for (const std::string &l : text_lines(redis(0, {"INFO", "keyspace"})))
-            if (l.rfind("db", 0) == 0 && l.find(",expires=0,") == std::string::npos) return false;
         return true;
     };
     std::string last;
@@ -152,7 +150,23 @@ bool e2e_env_t::wait_outputs(const std::map<const e2e_table_t *, size_t> &want, 
         timeout_ms);
 }
 
-bool e2e_env_t::wait_log(const std::string &text, int times, int timeout_ms) {
+bool e2e_store_t::wait_log(const std::string &text, int times, int timeout_ms) {
     auto seen = [&] { return e2e_occurrences(daemon_->log(), text) >= static_cast<size_t>(times); };
     return wait_until(seen, timeout_ms);
+}
+
+bool e2e_store_t::wait_quiet(int quiet_ms, int timeout_ms) {
+    std::string last = snapshot();
+    auto since = std::chrono::steady_clock::now();
+    return wait_until(
+        [&] {
+            usleep(50 * 1000);
+            std::string now = snapshot();
+            if (now != last) {
+                last = std::move(now);
+                since = std::chrono::steady_clock::now();
+            }
+            return std::chrono::steady_clock::now() - since >= std::chrono::milliseconds(quiet_ms);
+        },
+        timeout_ms);
 }

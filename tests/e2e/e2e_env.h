@@ -35,12 +35,11 @@ struct e2e_row_t {
 std::vector<e2e_row_t> e2e_err_rows(const std::string &show_info, const std::string &name);
 size_t e2e_occurrences(const std::string &hay, const std::string &needle);
 
-// Fixture: one Redis, one daemon. Skips when no redis-server is installed.
-class e2e_env_t : public ::testing::Test {
-protected:
-    void SetUp() override;
-    void TearDown() override;
-
+// One private Redis and the daemon on it. A test fixture holds one; the fault
+// tests build a second one for their fresh-daemon reference.
+class e2e_store_t {
+public:
+    virtual ~e2e_store_t() = default;
     // Drops the daemon and the store and begins again with an empty Redis.
     void fresh_store();
     // Starts the daemon and waits for its data sync.
@@ -65,9 +64,11 @@ protected:
     std::vector<json> rows(const e2e_table_t &t);
     // The whole store as "dump all --json" prints it, and the records that do not decode.
     std::string snapshot();
-    // Waits until the tables named hold the given number of records, no record
-    // carries a data-sync mark, and two looks 150 ms apart agree.
+    // Waits until the tables named hold the given number of records and two
+    // looks 150 ms apart agree.
     bool wait_outputs(const std::map<const e2e_table_t *, size_t> &want, int timeout_ms = 10000);
+    // Waits until the whole store stays the same for quiet_ms.
+    bool wait_quiet(int quiet_ms, int timeout_ms = 20000);
     // Waits until the daemon's log holds text `times` times.
     bool wait_log(const std::string &text, int times = 1, int timeout_ms = 10000);
 
@@ -78,4 +79,11 @@ protected:
 
 private:
     void write_records(const char *how, const std::vector<json> &recs);
+};
+
+// Fixture: one Redis, one daemon. Skips when no redis-server is installed.
+class e2e_env_t : public ::testing::Test, public e2e_store_t {
+protected:
+    void SetUp() override;
+    void TearDown() override;
 };

@@ -1,6 +1,7 @@
 #include "proc_harness.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <hiredis/hiredis.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -290,3 +292,36 @@ std::vector<std::pair<std::string, std::string>> redis_cli_t::hgetall(const std:
 void redis_cli_t::set(const std::string &key, const std::string &value) { command({"SET", key, value}); }
 void redis_cli_t::del(const std::string &key) { command({"DEL", key}); }
 void redis_cli_t::flushall() { command({"FLUSHALL"}); }
+
+bool redis_cli_t::psubscribe(const std::string &pattern) {
+    if (c_ == nullptr) return false;
+    auto *r = static_cast<redisReply *>(redisCommand(c_, "PSUBSCRIBE %b", pattern.data(), pattern.size()));
+    const bool ok = r != nullptr && r->type == REDIS_REPLY_ARRAY;
+    if (r != nullptr) freeReplyObject(r);
+    return ok;
+}
+
+// Reads only what is buffered or arrives before the deadline, so the
+// connection stays usable for the next call.
+std::vector<std::string> redis_cli_t::messages(int wait_ms, size_t max) {
+    std::vector<std::string> out;
+    if (c_ == nullptr) return out;
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
+    while (out.size() < max) {
+        void *reply = nullptr;
+        if (redisGetReplyFromReader(c_, &reply) != REDIS_OK) break;
+        if (reply != nullptr) {
+            auto *r = static_cast<redisReply *>(reply);
+            if (r->type == REDIS_REPLY_ARRAY && r->elements == 4)
+                out.push_back(redis_reply_text(r->element[2]) + " " + redis_reply_text(r->element[3]));
+            freeReplyObject(r);
+            continue;
+        }
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0) break;
+        struct pollfd p = {c_->fd, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
+        if (redisBufferRead(c_) != REDIS_OK) break;
+    }
+    return out;
+}

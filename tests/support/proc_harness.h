@@ -4,6 +4,7 @@
 #pragma once
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -96,6 +97,10 @@ public:
     void flushall();
     // Runs an arbitrary command given as words; returns the reply as text.
     std::string command(const std::vector<std::string> &words);
+    // Subscribed mode: PSUBSCRIBE, then the channel and payload ("channel event")
+    // of every message that arrives within wait_ms, or of the first max ones.
+    bool psubscribe(const std::string &pattern);
+    std::vector<std::string> messages(int wait_ms, size_t max = SIZE_MAX);
 
 private:
     redisContext *c_ = nullptr;
