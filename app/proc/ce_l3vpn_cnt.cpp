@@ -267,7 +267,9 @@ int ce_l3_status_cnt_bak_cb(void *value, void *) {
     CE_L3VPN_LOG(CE_L3VPN_INFO, "recover flow_cnt: v4_bytes:%lu, v4_timestamp:%lu, v4_pkts:%lu.\n",
                  (unsigned long)entry->bytes, (unsigned long)entry->timestamp,
                  (unsigned long)entry->pkts);
-    return 0;
+    // Written back inside the sync, so the sweep keeps it: unchanged, the
+    // store is not written at all.
+    return udp_srte_status_cnt_op(entry);
 }
 
 int udp_srte_status_cnt_op(ce_msg_status_cnt_t *entry) {

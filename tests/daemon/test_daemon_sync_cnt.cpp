@@ -39,6 +39,13 @@ TEST_F(DaemonColdTest, DataSyncKeepsRecoveredIdsAndSweepsTheRest) {
         {{"table", "p_mpls.mom_conf_vpn_ttl"}, {"vpn_ttl_enable", true}},
         old_rt(1),
         old_rt(2),  // not ours
+        // A published counter of a tunnel with a service class is kept; one without is swept.
+        {{"table", "p_mpls.mom_conf_te_tun_service_class"}, {"index", {{"ifindex", 77}}}},
+        {{"table", "p_intf.data_intf"}, {"index", {{"index", 77}}}, {"statis_flag", 1}},
+        {{"table", "u_mpls.udp_srte_status_cnt"}, {"index", {{"tunnel_id", 77}}},
+         {"v4_cnt", {{"timestamp", 5}, {"bytes", 900}, {"pkts", 9}}}},
+        {{"table", "u_mpls.udp_srte_status_cnt"}, {"index", {{"tunnel_id", 78}}},
+         {"v4_cnt", {{"bytes", 1}}}},
     };
     for (const json &rec : earlier) store(rec);
     ready();  // subscriptions, end markers, then the sync
@@ -58,6 +65,8 @@ TEST_F(DaemonColdTest, DataSyncKeepsRecoveredIdsAndSweepsTheRest) {
     auto *fe_ilm = get<UMpls__UdpIlm>(10, kIlm, "1000");
     ASSERT_NE(fe_ilm, nullptr);
     EXPECT_TRUE(fe_ilm->ttl_copy);
+    EXPECT_EQ(strs{"77"}, keys(10, kSrte));
+    EXPECT_EQ(900u, get<UMpls__UdpSrteStatusCnt>(10, kSrte, "77")->v4_cnt->bytes);
 
     put(e2e_ftn(5, "192.0.2.0", 24, 7, "10.1.1.9", {400}));  // the new id lies above every recovered one
     EXPECT_EQ((strs{ftn_adj, "1|0|0|v4:127.0.0.1|" + id_text(6, 1)}), keys(10, kAdj, "1"));

@@ -414,10 +414,16 @@ int op_get(tq_mom_client_t *c, uint32_t db, const ProtobufCMessage *key, Protobu
 
 void op_destroy(tq_mom_client_t *c) { delete mem_of(c); }
 
+// One client alone: nobody else can change a record behind its back.
+int op_watch(tq_mom_client_t *, void *, uint32_t, const ProtobufCMessage *, uint32_t,
+             tq_mom_msg_cb_t, void *) {
+    return TQ_MOM_OK;
+}
+
 const tq_mom_ops_t MOM_MEM_OPS = {
     "mem",        op_connect_sync, op_connect, op_set_reconnect_cb, op_subscribe, op_scan,
     op_dsbegin,   op_dsend,        op_set,     op_hmset,            op_del,       op_publish,
-    op_get,       op_destroy,      nullptr,  // no other client to watch for
+    op_get,       op_destroy,      op_watch,
 };
 
 }  // namespace
