@@ -90,5 +90,17 @@ sleep 1
 echo "Records the daemon withdrew from the lower layers:"
 comm -23 "$work/before.jsonl" "$work/after.jsonl" | grep -v '"table": *"p_mpls.mom_msg_ftn"\|"table": *"p_mpls.mom_msg_ilm"' || true
 
+say "Outputs changed behind the daemon's back are repaired: deleting UC and EF records by hand"
+adj=$(redis-cli -s "$sock" -n 10 --scan --pattern 's_route.in_sub_adj|1|*' | head -n 1)
+rt=$(redis-cli -s "$sock" -n 6 --scan --pattern 's_route.comm_rt|1|*' | head -n 1)
+echo "deleted: $adj"; redis-cli -s "$sock" -n 10 del "$adj" >/dev/null
+echo "deleted: $rt";  redis-cli -s "$sock" -n 6 del "$rt" >/dev/null
+for _ in $(seq 50); do
+  [ "$(redis-cli -s "$sock" -n 10 exists "$adj")$(redis-cli -s "$sock" -n 6 exists "$rt")" = 11 ] && break
+  sleep 0.2
+done
+echo "back after the daemon's repair: $(redis-cli -s "$sock" -n 10 exists "$adj") $(redis-cli -s "$sock" -n 6 exists "$rt") (1 = present)"
+grep -m1 'outputs changed by another client' "$work/daemon.log" || true
+
 say "Done. The daemon's log:"
 tail -n 5 "$work/daemon.log"

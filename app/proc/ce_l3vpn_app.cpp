@@ -118,10 +118,10 @@ int ds_sum_walk(ce_app_node_t *app, void *arg) {
 }
 // An ILM's in-label in FE carries its oldest next hop's label operation. With
 // several next hops it is written again only when the oldest one is rebound.
-void ilm_fe_follow_oldest(ce_nhop_node_t *nhop, const ce_in_adj_node_t *old_adj) {
+void ilm_fe_follow_oldest(ce_nhop_node_t *nhop, bool rebound) {
     ce_app_node_t *app = nhop->app_node;
     if (app->owner != CE_OWNER_ILM || app->nhop_num < 2) return;
-    if (old_adj == nullptr || old_adj == nhop->in_adj || ce_app_node_oldest_nhop(app) != nhop) return;
+    if (!rebound || ce_app_node_oldest_nhop(app) != nhop) return;
     ce_l3vpn_ilm_op_hw(app, nhop->in_adj, CE_HW_ADD, ce_l3vpn_ttl_copy);
 }
 }  // namespace
@@ -141,10 +141,10 @@ int ce_l3vpn_app_add(ce_msg_comm_t *msg) {
         return 11;
     }
     if (ce_list_empty(&in_adj->nhop_list)) ce_in_adj_op_hw(in_adj, CE_HW_ADD);
-    ce_in_adj_node_t *old_adj = nhop->in_adj;
+    const bool rebound = nhop->in_adj != nullptr && nhop->in_adj != in_adj;
     ce_nhop_bind_in_adj(nhop, in_adj);
     ce_app_op_hw(msg->owner, nhop, CE_HW_ADD);
-    ilm_fe_follow_oldest(nhop, old_adj);
+    ilm_fe_follow_oldest(nhop, rebound);
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, "<<<< add app Over ");
     return 0;
 }

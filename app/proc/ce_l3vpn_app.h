@@ -50,5 +50,9 @@ void ce_l3vpn_app_ds_saw_ttl(void);
 // replay leaves alone, so the sweep keeps exactly what the state holds.
 void ce_l3vpn_app_ds_settle(void);
 void ce_l3vpn_app_ds_reset(void);  // tests: as a fresh process
+// A sync has finished before: the state is live, not read back.
+bool ce_l3vpn_app_ds_live(void);
+// A sync whose reads failed: the adds held back are dropped, nothing is removed.
+void ce_l3vpn_app_ds_abort(void);
 // Frees all forwarding state and resets the switches and the id counter (tests).
 void ce_l3vpn_app_reset(void);

@@ -185,6 +185,15 @@ void ce_l3vpn_app_ds_settle(void) {
     synced_once = true;
 }
 
+bool ce_l3vpn_app_ds_live(void) { return synced_once; }
+
+// Nothing is removed: the next sync sees every input again.
+void ce_l3vpn_app_ds_abort(void) {
+    in_sync = false;
+    deferring = false;
+    std::vector<ce_msg_comm_t>().swap(deferred);
+}
+
 void ce_l3vpn_app_ds_reset(void) {
     ce_l3vpn_sync_gen = 0;
     in_sync = false;

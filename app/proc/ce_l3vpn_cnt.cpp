@@ -284,6 +284,12 @@ int udp_srte_status_cnt_op(ce_msg_status_cnt_t *entry) {
     return rv;
 }
 
+void ce_l3vpn_cnt_publish_all(void) {
+    if (g_cnt == nullptr) return;
+    for (auto &kv : *g_cnt)
+        if (kv.second.enable != 0) udp_srte_status_cnt_op(&kv.second);
+}
+
 // Interface counters: the tunnel's bytes and packets as the interface's input
 // counters; the words this daemon does not count are all ones ("unknown").
 int status_cnt_hash_traverse_pub(ce_msg_status_cnt_t *item) {

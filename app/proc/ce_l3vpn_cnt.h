@@ -32,6 +32,8 @@ int ce_l3_status_cnt_clr_enable(void *value, void *arg);
 int ce_l3_status_cnt_bak_cb(void *value, void *arg);
 
 int udp_srte_status_cnt_op(ce_msg_status_cnt_t *entry);
+// Every counter of a tunnel that counts, written again (a sync over a live state).
+void ce_l3vpn_cnt_publish_all(void);
 int ce_l3_data_if_flag_del_msg(ce_msg_status_cnt_t *entry);
 int status_cnt_hash_traverse_pub(ce_msg_status_cnt_t *item);
 // The timer: publishes every entry on the interface counter table, re-arms.

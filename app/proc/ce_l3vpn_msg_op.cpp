@@ -60,17 +60,19 @@ const ce_l3vpn_tbl_idx_t kReplay[] = {
 const ce_l3vpn_tbl_idx_t kInAdjReadBack[] = {CE_TBL_FTN_IN_ADJ, CE_TBL_ILM_IN_ADJ,
                                              CE_TBL_VC_FTN_IN_ADJ};
 
-void ce_l3_read_back(void) {
+int ce_l3_read_back(void) {
+    int rv = 0;
     ss_rt_tbl_t *ttl = ce_l3vpn_tbl_handles[CE_TBL_UDP_TTL_COPY];
     if (ttl != nullptr)
-        tq_mom_scan_sync(ce_l3vpn_global, ttl->db, ttl->item, TQ_MOM_MODE_TABLE,
-                         ce_l3_ttl_copy_bak_cb, nullptr);
+        rv |= tq_mom_scan_sync(ce_l3vpn_global, ttl->db, ttl->item, TQ_MOM_MODE_TABLE,
+                               ce_l3_ttl_copy_bak_cb, nullptr);
     for (ce_l3vpn_tbl_idx_t idx : kInAdjReadBack) {
         ss_rt_tbl_t *t = ce_l3vpn_tbl_handles[idx];
         if (t != nullptr)
-            tq_mom_scan_sync(ce_l3vpn_global, t->db, t->item, TQ_MOM_MODE_OWNER,
-                             ce_l3_in_adj_bak_cb, nullptr);
+            rv |= tq_mom_scan_sync(ce_l3vpn_global, t->db, t->item, TQ_MOM_MODE_OWNER,
+                                   ce_l3_in_adj_bak_cb, nullptr);
     }
+    return rv;
 }
 
 // ---- repair of outputs changed behind the daemon's back ---------------------------
@@ -91,19 +93,21 @@ int ce_l3_repair_cb(void *) {
     if (!ss_rt_tbl_sub_all_ok()) return 0;
     CE_L3VPN_LOG(CE_L3VPN_WARN, "outputs changed by another client, data sync again");
     CE_L3VPN_ERR_REC(CE_ERR_OUTPUT_DRIFT);
-    ce_l3_data_check();
-    if (repair_ability && ce_l3vpn_cap_subscribed) ce_l3vpn_cap_notify_pi();
-    repair_ability = false;
-    return 0;
+    return ce_l3_data_check();
+}
+
+void ce_l3_repair_soon(void) {
+    if (repair_pending) return;
+    repair_pending = true;
+    tq_thread_insert_timer(tq_global_master(ce_l3vpn_global), &repair_timer, ce_l3_repair_cb,
+                           nullptr, kRepairDelayS, "ds repair");
 }
 
 void ce_l3_drift_cb(ss_rt_tbl_t *table) {
     if (table == ce_l3vpn_tbl_handles[CE_TBL_FWD_ABILITY]) repair_ability = true;
-    if (repair_pending) return;
-    repair_pending = true;
-    CE_L3VPN_LOG(CE_L3VPN_INFO, "output %s changed by another client", ss_rt_tbl_name(table));
-    tq_thread_insert_timer(tq_global_master(ce_l3vpn_global), &repair_timer, ce_l3_repair_cb,
-                           nullptr, kRepairDelayS, "ds repair");
+    if (!repair_pending)
+        CE_L3VPN_LOG(CE_L3VPN_INFO, "output %s changed by another client", ss_rt_tbl_name(table));
+    ce_l3_repair_soon();
 }
 
 void ce_l3_watch_outputs(void) {
@@ -200,16 +204,33 @@ int ce_l3vpn_fun_subscribe(void) {
     return rv;
 }
 
+// The outputs are read back only into an empty state (the first sync of a
+// process); a live state is what the outputs must show, not the other way round.
+// A read that fails ends the sync before anything is removed or swept: an
+// input that could not be read is not an input that went. It is tried again.
 int ce_l3_data_check(void) {
     CE_L3VPN_LOG(CE_L3VPN_INFO, ">>>>> DS BEGIN\n");
-    ce_l3_read_back();
+    const bool live = ce_l3vpn_app_ds_live();
+    int rv = live ? 0 : ce_l3_read_back();
     for (const ce_l3_ds_t &d : kDsTables)
-        ss_rt_tbl_ds_begin_detail(ce_l3vpn_tbl_handles[d.tbl], 3600, d.mode);
+        rv |= ss_rt_tbl_ds_begin_detail(ce_l3vpn_tbl_handles[d.tbl], 3600, d.mode);
     ce_l3vpn_app_ds_begin();
-    for (ce_l3vpn_tbl_idx_t idx : kReplay) ss_rt_tbl_scan_detail(ce_l3vpn_tbl_handles[idx], nullptr, 0);
-    ss_rt_tbl_scan_detail(ce_l3vpn_tbl_handles[CE_TBL_SRTE_STATUS_CNT], ce_l3_status_cnt_bak_cb, 0);
+    for (ce_l3vpn_tbl_idx_t idx : kReplay) rv |= ss_rt_tbl_scan_detail(ce_l3vpn_tbl_handles[idx], nullptr, 0);
+    if (live)
+        ce_l3vpn_cnt_publish_all();
+    else
+        rv |= ss_rt_tbl_scan_detail(ce_l3vpn_tbl_handles[CE_TBL_SRTE_STATUS_CNT], ce_l3_status_cnt_bak_cb, 0);
+    if (rv != 0) {
+        ce_l3vpn_app_ds_abort();
+        CE_L3VPN_LOG(CE_L3VPN_ERROR, "Fail, rv %d, data sync read, again in %us", rv, kRepairDelayS);
+        ce_l3_repair_soon();
+        return 0;
+    }
     ce_l3vpn_app_ds_settle();
     for (const ce_l3_ds_t &d : kDsTables) ss_rt_tbl_ds_end_detail(ce_l3vpn_tbl_handles[d.tbl], d.mode);
+    // The ability record is not part of the sweep: sent again when another client touched it.
+    if (repair_ability && ce_l3vpn_cap_subscribed) ce_l3vpn_cap_notify_pi();
+    repair_ability = false;
     ce_l3vpn_app_ds_over();
     CE_L3VPN_LOG(CE_L3VPN_INFO, "<<<<< DS OVER \n");
     return 0;

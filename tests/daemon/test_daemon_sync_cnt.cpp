@@ -72,6 +72,25 @@ TEST_F(DaemonColdTest, DataSyncKeepsRecoveredIdsAndSweepsTheRest) {
     EXPECT_EQ((strs{ftn_adj, "1|0|0|v4:127.0.0.1|" + id_text(6, 1)}), keys(10, kAdj, "1"));
 }
 
+// A sync whose reads fail (the link of the inputs' database is down) removes
+// nothing and sweeps nothing; the sync that the link's return runs does the work.
+TEST_F(DaemonTest, SyncThatCannotReadRemovesNothing) {
+    ss_rt_tbl_ctl.reconn_exit = 0;
+    put(e2e_ftn(5, "192.0.2.0", 24, 7, "10.1.1.1", {100}));
+    const strs routes = keys(6, kCommRt, "1");
+    ASSERT_EQ(1u, routes.size());
+    mom_mem_conn_lost(mom_, 6);
+    dispatch();
+    ASSERT_EQ(0, ce_l3_data_check());
+    EXPECT_EQ(1u, entries(CE_OWNER_FTN));
+    EXPECT_TRUE(has(take_log(), "Fail, rv -17, data sync read, again in 1s"));
+    mom_mem_conn_back(mom_, 6);
+    dispatch();
+    EXPECT_TRUE(has(take_log(), "<<<<< DS OVER"));
+    EXPECT_EQ(1u, entries(CE_OWNER_FTN));
+    EXPECT_EQ(routes, keys(6, kCommRt, "1"));
+}
+
 // ---- counters ----------------------------------------------------------------------
 
 class CounterTest : public DaemonTest {
@@ -149,8 +168,9 @@ TEST_F(CounterTest, ReloadAfterRestartOnlyIntoEnabledEntries) {
         service_class(tunnel);
     }
     put(data_if(300, 1));  // 301 has no data interface: not counting
-    ce_l3vpn_cnt_maps_free();  // the restart
+    ce_l3vpn_cnt_maps_free();  // the restart: counters gone, the next sync is a first one
     ce_l3vpn_cnt_maps_init();
+    ce_l3vpn_app_ds_reset();
     take_log();
     ASSERT_EQ(0, ce_l3_data_check());
     const ce_msg_status_cnt_t *on = ce_l3vpn_cnt_find(300), *off = ce_l3vpn_cnt_find(301);
