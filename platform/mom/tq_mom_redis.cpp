@@ -106,13 +106,16 @@ tq_redis_reply_t read_reply(tq_mom_redis_t *r) {
 // Sends what is queued and reads the replies owed to pipelined writes.
 int drain(tq_mom_redis_t *r) {
     if (flush(r) != TQ_MOM_OK) return TQ_MOM_ERR_CONN;
+    // From the first refused compare-and-set on, every later one is sent again
+    // too, in order: another client may have loaded the script in between, and
+    // a later write of a key that went through must not be undone by the resend.
     std::vector<tq_mom_redis_t::cas_owed_t> refused;
     for (; r->owed > 0; --r->owed) {
         tq_redis_reply_t rep = read_reply(r);
         if (rep == nullptr) return TQ_MOM_ERR_CONN;
         uint64_t seq = r->replies_read++;
         bool cas = !r->cas_owed.empty() && r->cas_owed.front().seq == seq;
-        if (cas && is_noscript(rep.get())) {
+        if (cas && (!refused.empty() || is_noscript(rep.get()))) {
             refused.push_back(std::move(r->cas_owed.front()));
         } else if (rep->type == REDIS_REPLY_ERROR) {
             ++r->write_errors;
@@ -195,8 +198,7 @@ int load_cas(tq_mom_redis_t *r, uint32_t db) {
 }
 
 // The script cache was flushed under pipelined compare-and-sets: load it again
-// and send them again, in order. Every write of a key inside a sync goes
-// through the script, so the refused ones are the latest writes of their keys.
+// and send them again, in order, from the first refused one on.
 int cas_replay(tq_mom_redis_t *r, std::vector<tq_mom_redis_t::cas_owed_t> &refused) {
     r->cas_loaded = false;
     for (tq_mom_redis_t::cas_owed_t &w : refused) {

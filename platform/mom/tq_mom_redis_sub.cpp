@@ -71,6 +71,13 @@ void sub_reply(redisAsyncContext *ac, void *reply, void *privdata) {
     auto *r = static_cast<tq_mom_redis_t *>(ac->data);
     auto *rep = static_cast<redisReply *>(reply);
     auto *s = static_cast<tq_redis_sub_t *>(privdata);
+    if (r != nullptr && rep != nullptr && rep->type == REDIS_REPLY_ERROR) {
+        // A refused subscription would leave the table waiting for ever.
+        fprintf(stderr, "tq_mom_redis: subscription refused: %.*s\n", static_cast<int>(rep->len),
+                rep->str);
+        tq_redis_link_lost(r, "subscription refused");
+        return;
+    }
     if (r == nullptr || rep == nullptr || rep->type != REDIS_REPLY_ARRAY || rep->elements < 3)
         return;
     std::string_view kind = reply_str(rep->element[0]);
