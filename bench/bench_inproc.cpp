@@ -80,7 +80,10 @@ const tq_mom_ops_t kLoggingOps = {
         return in(c)->ops->get(in(c), db, k, o);
     },
     [](tq_mom_client_t *c) { delete static_cast<logging_client_t *>(c); },
-    nullptr,  // no watch
+    [](tq_mom_client_t *c, void *g, uint32_t db, const ProtobufCMessage *item, uint32_t mode,
+       tq_mom_msg_cb_t cb, void *a) {
+        return in(c)->ops->watch(in(c), g, db, item, mode, cb, a);
+    },
 };
 }  // namespace
 

@@ -100,7 +100,6 @@ bool first_opcode_changed(ce_app_node_t *app, uint32_t del_op, uint32_t nhop_num
     return true;
 }
 
-
 struct ds_sum_t {
     uint32_t entries;
     uint32_t nhops;
@@ -116,6 +115,7 @@ int ds_sum_walk(ce_app_node_t *app, void *arg) {
     }
     return 0;
 }
+
 // An ILM's in-label in FE carries its oldest next hop's label operation. With
 // several next hops it is written again only when the oldest one is rebound.
 void ilm_fe_follow_oldest(ce_nhop_node_t *nhop, bool rebound) {

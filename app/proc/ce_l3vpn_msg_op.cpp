@@ -1,5 +1,7 @@
 #include "app/proc/ce_l3vpn_msg_op.h"
 
+#include <malloc.h>
+
 #include <cstring>
 
 #include "app/proc/ce_l3vpn_app.h"
@@ -85,14 +87,18 @@ constexpr uint32_t kRepairDelayS = 1;
 tq_timer_t *repair_timer = nullptr;
 bool repair_pending = false;
 bool repair_ability = false;  // the ability record is not part of the sync: sent again apart
+bool repair_drift = false;    // the repair is for a drift (else: a sync that could not read)
 
 int ce_l3_repair_cb(void *) {
     repair_pending = false;
     // While the link is down or coming back, the sync that its return runs
     // repairs the outputs too; writes made now would fail.
     if (!ss_rt_tbl_sub_all_ok()) return 0;
-    CE_L3VPN_LOG(CE_L3VPN_WARN, "outputs changed by another client, data sync again");
-    CE_L3VPN_ERR_REC(CE_ERR_OUTPUT_DRIFT);
+    if (repair_drift) {
+        CE_L3VPN_LOG(CE_L3VPN_WARN, "outputs changed by another client, data sync again");
+        CE_L3VPN_ERR_REC(CE_ERR_OUTPUT_DRIFT);
+    }
+    repair_drift = false;
     return ce_l3_data_check();
 }
 
@@ -105,6 +111,7 @@ void ce_l3_repair_soon(void) {
 
 void ce_l3_drift_cb(ss_rt_tbl_t *table) {
     if (table == ce_l3vpn_tbl_handles[CE_TBL_FWD_ABILITY]) repair_ability = true;
+    repair_drift = true;
     if (!repair_pending)
         CE_L3VPN_LOG(CE_L3VPN_INFO, "output %s changed by another client", ss_rt_tbl_name(table));
     ce_l3_repair_soon();
@@ -232,6 +239,9 @@ int ce_l3_data_check(void) {
     if (repair_ability && ce_l3vpn_cap_subscribed) ce_l3vpn_cap_notify_pi();
     repair_ability = false;
     ce_l3vpn_app_ds_over();
+    // The sync's passing memory (held-back adds, the sweep's key sets) goes back
+    // to the system rather than staying in the daemon's resident size.
+    malloc_trim(0);
     CE_L3VPN_LOG(CE_L3VPN_INFO, "<<<<< DS OVER \n");
     return 0;
 }
