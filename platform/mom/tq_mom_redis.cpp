@@ -103,6 +103,11 @@ tq_redis_reply_t read_reply(tq_mom_redis_t *r) {
     return tq_redis_reply_t(static_cast<redisReply *>(p));
 }
 
+// A compare-and-set that wrote (or deleted): its drift report will be our own.
+void note_cas(tq_mom_redis_t *r, const tq_redis_cmd_t &cmd, const redisReply *rep) {
+    if (rep->type == REDIS_REPLY_INTEGER && rep->integer > 0) r->self_changed.insert(cmd[3]);
+}
+
 // Sends what is queued and reads the replies owed to pipelined writes.
 int drain(tq_mom_redis_t *r) {
     if (flush(r) != TQ_MOM_OK) return TQ_MOM_ERR_CONN;
@@ -121,6 +126,8 @@ int drain(tq_mom_redis_t *r) {
             ++r->write_errors;
             fprintf(stderr, "tq_mom_redis: write refused: %.*s\n", static_cast<int>(rep->len),
                     rep->str);
+        } else if (cas) {
+            note_cas(r, r->cas_owed.front().cmd, rep.get());
         }
         if (cas) r->cas_owed.pop_front();
     }
@@ -205,9 +212,11 @@ int cas_replay(tq_mom_redis_t *r, std::vector<tq_mom_redis_t::cas_owed_t> &refus
         int rv = load_cas(r, w.db);
         if (rv != TQ_MOM_OK) return rv;
         w.cmd[1] = r->cas_sha;
-        rv = write_sync(r, w.db, {w.cmd});
-        if (rv == TQ_MOM_ERR_CONN) return rv;
-        if (rv != TQ_MOM_OK) ++r->write_errors;
+        std::vector<tq_redis_reply_t> replies;
+        rv = tq_redis_cmd_run(r, w.db, {w.cmd}, replies);
+        if (rv != TQ_MOM_OK) return rv;
+        if (replies[0]->type == REDIS_REPLY_ERROR) ++r->write_errors;
+        else note_cas(r, w.cmd, replies[0].get());
     }
     return TQ_MOM_OK;
 }
@@ -229,7 +238,10 @@ int write_cas(tq_mom_redis_t *r, uint32_t db, const std::string &key,
         rv = tq_redis_cmd_run(r, db, {cmd}, replies);
     }
     if (rv != TQ_MOM_OK) return rv;
-    if (replies[0]->type != REDIS_REPLY_ERROR) return TQ_MOM_OK;
+    if (replies[0]->type != REDIS_REPLY_ERROR) {
+        note_cas(r, cmd, replies[0].get());
+        return TQ_MOM_OK;
+    }
     fprintf(stderr, "tq_mom_redis: write refused: %.*s\n", static_cast<int>(replies[0]->len),
             replies[0]->str);
     return TQ_MOM_ERR;
@@ -436,6 +448,9 @@ int op_dsbegin(tq_mom_client_t *c, void *, uint32_t db, const ProtobufCMessage *
     if (mode > TQ_MOM_MODE_OWNER || expire <= 0) return TQ_MOM_ERR_PARAM;
     tq_mom_redis_t *r = tq_redis_of(c);
     drop_if_lost(r);
+    // The reports of the last sync's own writes came long before (the sync ran
+    // to its end first); one never delivered must not hide a later change.
+    r->self_changed.clear();
     tq_mom_redis_t::sync_t s = sync_of(db, item, mode);
     int rv = TQ_MOM_OK;
     std::vector<tq_redis_reply_t> replies;

@@ -147,6 +147,9 @@ struct tq_mom_redis_t : tq_mom_client_t {
         std::vector<std::string> cmd;
     };
     std::deque<cas_owed_t> cas_owed;
+    // Keys a compare-and-set changed: Redis reports writes made inside a script
+    // to the drift watch even with NOLOOP, so their reports are this client's own.
+    std::unordered_set<std::string> self_changed;
     uint64_t replies_sent = 0, replies_read = 0;
 };
 

@@ -280,6 +280,8 @@ void drifts_run(tq_mom_redis_t *r) {
     r->drift_all = false;
     std::sort(keys.begin(), keys.end());
     keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+    std::erase_if(keys, [r](const std::string &k) { return r->self_changed.erase(k) != 0; });
+    if (keys.empty() && !all) return;
     const std::vector<tq_mom_redis_t::watch_t> watches = r->watches;  // callbacks may add some
     for (const tq_mom_redis_t::watch_t &w : watches) {
         tq_mom_msg_t msg = {TQ_MOM_CMD_DRIFT, TQ_MOM_FLAG_NONE, nullptr, TQ_MOM_OK};

@@ -241,6 +241,11 @@ TEST_P(e2e_outside_t, RepairedWithin10sWithoutARestart) {
     EXPECT_TRUE(daemon_->running());
     expect_like(after, before);
     EXPECT_EQ(e2e_ids_changed(before, after), 0u);
+    // One repair, and its own writes do not pass for another client's.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    const std::vector<e2e_row_t> drift = e2e_err_rows(show_info(), "OUTPUT_DRIFT");
+    ASSERT_EQ(drift.size(), 1u);
+    EXPECT_EQ(drift[0].count, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, e2e_outside_t, ::testing::Values(kDeleted, kGarbled, kFlushed),
