@@ -87,8 +87,8 @@ ce_app_node_t *app_node_get_or_add(ce_msg_comm_t *msg) {
     return app;
 }
 
-// Delete steps 8 to 10: does removing a next hop of opcode del_op change the
-// entry's first opcode? Only when del_op was first and no older next hop
+// Does removing a next hop of opcode del_op change the entry's first opcode?
+// Only when the entry keeps next hops, del_op was first and no older next hop
 // still carries it (a single-action pop always re-derives it).
 bool first_opcode_changed(ce_app_node_t *app, uint32_t del_op, uint32_t nhop_num_before) {
     if (nhop_num_before < 2) return false;

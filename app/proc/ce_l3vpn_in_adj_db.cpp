@@ -179,8 +179,8 @@ int ce_l3vpn_in_adj_db_walkthrough(int (*fn)(ce_in_adj_node_t *node, void *arg),
     return keyed_tbl_walk(&ce_in_adj_db.tbl, in_adj_walk_one, &w);
 }
 
-// Steps 1 to 3 of getting the node of an add: programming it to UC and the
-// binding are the caller's.
+// The node of an add, found or made with a new MPLS id: programming it to UC
+// and the binding are the caller's.
 ce_in_adj_node_t *ce_in_adj_node_get_or_add(const ce_msg_comm_t *msg) {
     ce_in_adj_node_t *node = ce_l3vpn_in_adj_db_get_entry(msg);
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, "get in adj node:%p", static_cast<void *>(node));
