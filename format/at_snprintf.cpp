@@ -264,21 +264,19 @@ char *put_ipv6_groups(char *p, const unsigned w[8], int n)
     return p;
 }
 
-// The last 32 bits are an IPv4 address: IPv4-mapped (::ffff:a.b.c.d),
-// IPv4-compatible (::a.b.c.d, as inet_ntop prints it) and ISATAP
-// (interface id 0000:5efe or 0200:5efe).
+// Only IPv4-mapped (::ffff:a.b.c.d) and ISATAP (interface id 0000:5efe or
+// 0200:5efe) addresses carry an IPv4 address in their last 32 bits. The
+// deprecated compatible form (::a.b.c.d) stays hex, so ::a00:1 is not read as
+// an IPv4 peer.
 bool ipv6_has_dotted_tail(const unsigned w[8])
 {
-    bool zero_0_4 = !w[0] && !w[1] && !w[2] && !w[3] && !w[4];
-    if (zero_0_4 && w[5] == 0xffff)
-        return true;
-    if (zero_0_4 && !w[5] && w[6])
+    if (!w[0] && !w[1] && !w[2] && !w[3] && !w[4] && w[5] == 0xffff)
         return true;
     return (w[4] == 0 || w[4] == 0x0200) && w[5] == 0x5efe;
 }
 
 // %v: compressed IPv6 text, lower-case hex, the longest zero run as "::", and
-// a dotted tail for mapped, compatible and ISATAP addresses. Needs 46 bytes of
+// a dotted tail for mapped and ISATAP addresses. Needs 46 bytes of
 // room; returns the length.
 size_t format_ipv6(char *out, const unsigned char *a)
 {

@@ -154,12 +154,19 @@ std::string ref_ipv4(uint32_t v) {
     return text;
 }
 
-// The C library's text, except that an ISATAP interface id (0000:5efe or
-// 0200:5efe) also gets the dotted tail: its first six groups are printed
+// The C library's text, except that an IPv4-compatible address (first 12
+// bytes zero, group 6 not) stays hex, and an ISATAP interface id (0000:5efe
+// or 0200:5efe) also gets the dotted tail: its first six groups are printed
 // with the last two set to ones, which cannot join a zero run.
 std::string ref_ipv6(const unsigned char a[16]) {
     char text[INET6_ADDRSTRLEN];
+    static const unsigned char zero12[12] = {0};
     unsigned w4 = a[8] << 8 | a[9], w5 = a[10] << 8 | a[11];
+    unsigned w6 = a[12] << 8 | a[13], w7 = a[14] << 8 | a[15];
+    if (std::memcmp(a, zero12, 12) == 0 && w6 != 0) {
+        snprintf(text, sizeof text, "::%x:%x", w6, w7);
+        return text;
+    }
     if (!((w4 == 0 || w4 == 0x0200) && w5 == 0x5efe)) {
         inet_ntop(AF_INET6, a, text, sizeof text);
         return text;

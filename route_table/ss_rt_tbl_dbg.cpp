@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "format/at_snprintf.h"
+#include "platform/cgst/libcgstctrl.h"
 #include "route_table/ss_rt_tbl_int.h"
 
 ss_rt_tbl_hist_t ss_rt_tbl_hist[RT_HIST_ROWS] = {
@@ -86,6 +87,18 @@ void tbl_show_ctl() {
     printf("\nreconn exit     :%p", tbl_ptr(c.reconn_exit));
     printf("\nglobal          :%p", c.global);
     printf("\nmodule          :%s", c.module);
+}
+
+// This module's congestion registrations: each topic (a database's bare init
+// is not one) and each event handler. The texts live only here.
+void tbl_show_cgst() {
+    const char *module = ss_rt_tbl_ctl.module;
+    for (const cgst_reg_t &r : libcgstctrl_registrations())
+        if (r.module == module && !r.topic.empty())
+            printf("\ncgst topic      :%s(%d) %s", ss_rt_tbl_db_name(r.db), static_cast<int>(r.db),
+                   r.topic.c_str());
+    for (const cgst_event_reg_t &e : libcgstctrl_event_registrations())
+        if (e.module == module) printf("\ncgst event      :%p", tbl_fptr(e.cb));
 }
 
 void tbl_show_tables() {
@@ -233,8 +246,9 @@ int ss_rt_tbl_show_table(const ss_rt_tbl_t *table, int is_head) {
     return 0;
 }
 
-int ss_rt_tbl_show_info(int32_t is_clean, int32_t /*is_detail*/) {
+int ss_rt_tbl_show_info(int32_t is_clean, int32_t is_detail) {
     tbl_show_ctl();
+    if (is_detail == 1) tbl_show_cgst();
     tbl_show_tables();
     tbl_show_hist(is_clean);
     return 0;

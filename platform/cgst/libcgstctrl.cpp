@@ -6,18 +6,13 @@
 
 namespace {
 
-struct cgst_event_t {
-    std::string module;
-    cgst_event_cb_t cb;
-};
-
 std::vector<cgst_reg_t> &cgst_regs() {
     static std::vector<cgst_reg_t> regs;
     return regs;
 }
 
-std::vector<cgst_event_t> &cgst_events() {
-    static std::vector<cgst_event_t> events;
+std::vector<cgst_event_reg_t> &cgst_events() {
+    static std::vector<cgst_event_reg_t> events;
     return events;
 }
 
@@ -45,11 +40,13 @@ int libcgstctrl_gen_topic_reg(void * /*global*/, uint32_t db, const char *module
 }
 
 int libcgstctrl_gen_event_reg(const char *module, cgst_event_cb_t cb) {
-    cgst_events().push_back(cgst_event_t{module != nullptr ? module : "", cb});
+    cgst_events().push_back(cgst_event_reg_t{module != nullptr ? module : "", cb});
     return 0;
 }
 
 const std::vector<cgst_reg_t> &libcgstctrl_registrations() { return cgst_regs(); }
+
+const std::vector<cgst_event_reg_t> &libcgstctrl_event_registrations() { return cgst_events(); }
 
 void libcgstctrl_reset() {
     cgst_regs().clear();

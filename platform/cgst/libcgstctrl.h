@@ -18,4 +18,9 @@ struct cgst_reg_t {
     std::string topic;  // table name, empty for the database's init
 };
 const std::vector<cgst_reg_t> &libcgstctrl_registrations();
+struct cgst_event_reg_t {
+    std::string module;
+    cgst_event_cb_t cb;
+};
+const std::vector<cgst_event_reg_t> &libcgstctrl_event_registrations();
 void libcgstctrl_reset();

@@ -116,6 +116,13 @@ TEST_P(RtTblDbg, ShowInfoCleanedTwice) {
     EXPECT_EQ(expected_info(&ctx_, t, true), run(tbl_cmd_show_info, 1, 1, &rv));
     EXPECT_EQ(0u, hist(RT_HIST_PARAM).count);
     EXPECT_EQ(1u, hist(RT_HIST_PARAM).history);
+    // The detail lists the topic (not the database's bare init) and the handler.
+    int (*cb)(void *) = [](void *) { return 0; };
+    ASSERT_EQ(0, ss_rt_tbl_reg_cgst_topic_detail(t, 0));
+    ASSERT_EQ(0, ss_rt_tbl_reg_cgst_event(cb));
+    EXPECT_TRUE(has(run(tbl_cmd_show_info, 0, 1, &rv),
+                    fmt("\nmodule          :rt-test\ncgst topic      :APP_FWD(6) u_mpls.udp_ilm"
+                        "\ncgst event      :%p\nvalid ", (void *)cb)));
 }
 
 TEST_P(RtTblDbg, SetSkipAndBatchBounds) {
