@@ -46,8 +46,7 @@ void write_pid(int fd) {
 
 void reg_ham(void) {
     int rv;
-    char marker[128];
-    int fd = open(tq_path(kHamMarker, marker, sizeof marker), O_RDONLY);
+    int fd = open(tq_path(kHamMarker).c_str(), O_RDONLY);
     if (fd >= 0) {
         // The marker says this process must not register its exit action.
         close(fd);
@@ -63,8 +62,12 @@ int ce_l3vpn_check_running(void) {
     char name[127];
     char path[127];
     snprintf(name, sizeof name, "/var/run%s", kPidName);
-    tq_path(name, path, sizeof path);
-    int fd = open(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
+    int fd = -1;
+    if (tq_path(name, path, sizeof path) == nullptr) {
+        printf("ERROR: pid file path %s does not fit in %zu bytes\n", tq_path(name).c_str(), sizeof path - 1);
+    } else {
+        fd = open(path, O_RDWR | O_CREAT | O_TRUNC, 0644);
+    }
     int rv;
     if (fd < 0) {
         rv = -11;

@@ -14,9 +14,9 @@ const char *root_prefix() {
 }  // namespace
 
 const char *tq_path(const char *path, char *buf, size_t n) {
-    if (buf == nullptr || n == 0) return buf;
-    snprintf(buf, n, "%s%s", root_prefix(), path != nullptr ? path : "");
-    return buf;
+    if (buf == nullptr || n == 0) return nullptr;
+    int len = snprintf(buf, n, "%s%s", root_prefix(), path != nullptr ? path : "");
+    return len >= 0 && static_cast<size_t>(len) < n ? buf : nullptr;
 }
 
 std::string tq_path(const char *path) {

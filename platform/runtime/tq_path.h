@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <string>
 
-// Writes prefix + path into buf (size n, always terminated); returns buf.
+// Writes prefix + path into buf (size n, always terminated); returns buf, or
+// nullptr when it does not fit: a cut path would name another file.
 const char *tq_path(const char *path, char *buf, size_t n);
 std::string tq_path(const char *path);
 

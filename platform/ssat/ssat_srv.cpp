@@ -234,8 +234,14 @@ int ssat_lib_init(void *global, const char *module) {
     auto *ctx = static_cast<tq_global_t *>(global);
     std::string path = ssat_sock_path(module);
     sockaddr_un sa;
-    if (ctx == nullptr || ctx->master == nullptr || !ssat_addr(path, sa)) {
-        fprintf(stderr, "ssat: %s: no event loop or bad socket path\n", module != nullptr ? module : "");
+    const char *name = module != nullptr ? module : "";
+    if (ctx == nullptr || ctx->master == nullptr || path.empty()) {
+        fprintf(stderr, "ssat: %s: no event loop or bad module name\n", name);
+        return -1;
+    }
+    if (!ssat_addr(path, sa)) {
+        fprintf(stderr, "ssat: %s: socket path %s does not fit in %zu bytes\n", name, path.c_str(),
+                sizeof sa.sun_path - 1);
         return -1;
     }
     ssat_mod_t *mod = ssat_mod_get(module);

@@ -3,10 +3,13 @@
 #include <event2/event.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "app/proc/ce_l3vpn_mem.h"
 #include "platform/runtime/tq_global.h"
+#include "platform/runtime/tq_path.h"
 
 namespace {
 int on_timer(void *arg) { return ++*static_cast<int *>(arg), 0; }
@@ -46,5 +49,30 @@ TEST(MemSeam, FailsExactlyTheNthAllocation) {
     void *p = ce_l3vpn_calloc(1, 1);
     EXPECT_NE(p, nullptr);
     ce_l3vpn_free(p);
+}
+
+// A path that does not fit its buffer is refused, never cut short.
+TEST(Path, PrefixedUnderRootOrRefusedWhenTooLong) {
+    const char *pid = "/var/run/sw.ce.mpls.l3vpn.pid";
+    const std::string long_root = "/" + std::string(99, 'r');  // 100 characters, the pid path overflows 127
+    const struct {
+        const char *root;
+        size_t size;
+        const char *want;
+    } cases[] = {
+        {nullptr, 127, "/var/run/sw.ce.mpls.l3vpn.pid"},
+        {"/r", 127, "/r/var/run/sw.ce.mpls.l3vpn.pid"},
+        {"/r", 32, "/r/var/run/sw.ce.mpls.l3vpn.pid"},  // just fits with its NUL
+        {"/r", 31, nullptr},
+        {long_root.c_str(), 127, nullptr},
+    };
+    for (const auto &c : cases) {
+        c.root != nullptr ? setenv("L3VPN_ROOT", c.root, 1) : unsetenv("L3VPN_ROOT");
+        char buf[127];
+        const char *got = tq_path(pid, buf, c.size);
+        EXPECT_STREQ(got, c.want) << c.size;
+    }
+    EXPECT_EQ(tq_path(pid), long_root + pid);  // no size limit here
+    unsetenv("L3VPN_ROOT");
 }
 }  // namespace
