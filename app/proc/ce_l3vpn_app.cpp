@@ -43,8 +43,6 @@ uint32_t nhop_opcode(const ce_nhop_node_t *nhop) {
     return adj->data.opcode;
 }
 
-ce_nhop_node_t *nhop_of(ce_list_t *link) { return CE_LIST_ENTRY(link, ce_nhop_node_t, app_link); }
-
 // Does the next hop's opcode agree with the entry's first opcode, so it may go to EF?
 bool nhop_opcode_agrees(uint32_t op, uint32_t first) {
     if (op == first) return true;
@@ -94,7 +92,7 @@ bool first_opcode_changed(ce_app_node_t *app, uint32_t del_op, uint32_t nhop_num
     if (nhop_num_before < 2) return false;
     if (app->first_opcode != del_op) return false;
     for (ce_list_t *l = app->nhop_list.prev; l != &app->nhop_list; l = l->prev) {
-        if (nhop_opcode(nhop_of(l)) != del_op) continue;
+        if (nhop_opcode(ce_nhop_of(l)) != del_op) continue;
         return op_single_pop(del_op);
     }
     return true;
@@ -111,7 +109,7 @@ int ds_sum_walk(ce_app_node_t *app, void *arg) {
     s->entries++;
     for (ce_list_t *l = app->nhop_list.next; l != &app->nhop_list; l = l->next) {
         s->nhops++;
-        if (nhop_of(l)->set_to_ef) s->in_ef++;
+        if (ce_nhop_of(l)->set_to_ef) s->in_ef++;
     }
     return 0;
 }
@@ -247,8 +245,8 @@ int ce_l3vpn_app_del(ce_msg_comm_t *msg) {
     // oldest takes over (unless it shares the label operation).
     ce_nhop_node_t *heir = nullptr;
     if (!last && app->owner == CE_OWNER_ILM && ce_app_node_oldest_nhop(app) == nhop &&
-        nhop_of(nhop->app_link.prev)->in_adj != nhop->in_adj)
-        heir = nhop_of(nhop->app_link.prev);
+        ce_nhop_of(nhop->app_link.prev)->in_adj != nhop->in_adj)
+        heir = ce_nhop_of(nhop->app_link.prev);
     // Withdraws the route from EF once more and the in_adj node from UC if it was its last user.
     ce_nhop_bind_in_adj(nhop, nullptr);
     ce_app_node_del(nhop);  // frees app with its last next hop
@@ -300,7 +298,7 @@ void ce_opcode_chg_update_app_nhop_and_opcode(ce_app_node_t *app) {
     if (app->owner == CE_OWNER_ILM)
         ce_l3vpn_ilm_op_hw(app, oldest->in_adj, CE_HW_ADD, ce_l3vpn_ttl_copy);
     for (ce_list_t *l = app->nhop_list.prev; l != &app->nhop_list; l = l->prev)
-        ce_app_set_to_ef(nhop_of(l), CE_HW_ADD);
+        ce_app_set_to_ef(ce_nhop_of(l), CE_HW_ADD);
 }
 
 // Every node is rewritten, whatever one write returns.

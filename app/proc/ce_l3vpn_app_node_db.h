@@ -52,5 +52,9 @@ ce_nhop_node_t *ce_app_node_db_new_nhop_node(const ce_msg_comm_t *msg);
 void ce_app_node_db_del_nhop_node(ce_nhop_node_t *node);
 ce_nhop_node_t *ce_app_node_db_cmp_nhop(ce_app_node_t *app, const ce_msg_comm_t *msg);
 
+// The nhop node of a link in an app node's nhop_list.
+inline ce_nhop_node_t *ce_nhop_of(ce_list_t *link) {
+    return CE_LIST_ENTRY(link, ce_nhop_node_t, app_link);
+}
 // The oldest nhop node of an app node (tail of nhop_list), or null.
 ce_nhop_node_t *ce_app_node_oldest_nhop(ce_app_node_t *app);

@@ -21,8 +21,6 @@ bool synced_once = false;  // a sync has finished: the state was live before thi
 bool deferring = false;    // entries wait for the end of the replay (first sync only)
 std::vector<ce_msg_comm_t> deferred;
 
-ce_nhop_node_t *nhop_of(ce_list_t *link) { return CE_LIST_ENTRY(link, ce_nhop_node_t, app_link); }
-
 // The delete message of a next hop whose input is gone: its entry's key, the
 // next hop and its label operation identify it as the input's delete would.
 ce_msg_comm_t del_msg_of(const ce_app_node_t *app, const ce_nhop_node_t *nhop) {
@@ -38,7 +36,7 @@ ce_msg_comm_t del_msg_of(const ce_app_node_t *app, const ce_nhop_node_t *nhop) {
 int collect_unseen(ce_app_node_t *app, void *arg) {
     auto *out = static_cast<std::vector<ce_msg_comm_t> *>(arg);
     for (ce_list_t *l = app->nhop_list.prev; l != &app->nhop_list; l = l->prev)
-        if (nhop_of(l)->sync_gen != ce_l3vpn_sync_gen) out->push_back(del_msg_of(app, nhop_of(l)));
+        if (ce_nhop_of(l)->sync_gen != ce_l3vpn_sync_gen) out->push_back(del_msg_of(app, ce_nhop_of(l)));
     return 0;
 }
 

@@ -204,20 +204,34 @@ int load_cas(tq_mom_redis_t *r, uint32_t db) {
     return TQ_MOM_OK;
 }
 
+// One compare-and-set, waited for; a flushed script cache loads the script
+// again and sends it once more. TQ_MOM_ERR when the store refuses it.
+int cas_run_sync(tq_mom_redis_t *r, uint32_t db, tq_redis_cmd_t &cmd) {
+    std::vector<tq_redis_reply_t> replies;
+    int rv = TQ_MOM_OK;
+    for (int tries = 0; tries < 2; ++tries) {
+        if ((rv = load_cas(r, db)) != TQ_MOM_OK) return rv;
+        cmd[1] = r->cas_sha;
+        if ((rv = tq_redis_cmd_run(r, db, {cmd}, replies)) != TQ_MOM_OK) return rv;
+        if (!is_noscript(replies[0].get())) break;
+        r->cas_loaded = false;
+    }
+    if (replies[0]->type != REDIS_REPLY_ERROR) {
+        note_cas(r, cmd, replies[0].get());
+        return TQ_MOM_OK;
+    }
+    ++r->write_errors;
+    fprintf(stderr, "tq_mom_redis: write refused: %.*s\n", static_cast<int>(replies[0]->len),
+            replies[0]->str);
+    return TQ_MOM_ERR;
+}
+
 // The script cache was flushed under pipelined compare-and-sets: load it again
 // and send them again, in order, from the first refused one on.
 int cas_replay(tq_mom_redis_t *r, std::vector<tq_mom_redis_t::cas_owed_t> &refused) {
     r->cas_loaded = false;
-    for (tq_mom_redis_t::cas_owed_t &w : refused) {
-        int rv = load_cas(r, w.db);
-        if (rv != TQ_MOM_OK) return rv;
-        w.cmd[1] = r->cas_sha;
-        std::vector<tq_redis_reply_t> replies;
-        rv = tq_redis_cmd_run(r, w.db, {w.cmd}, replies);
-        if (rv != TQ_MOM_OK) return rv;
-        if (replies[0]->type == REDIS_REPLY_ERROR) ++r->write_errors;
-        else note_cas(r, w.cmd, replies[0].get());
-    }
+    for (tq_mom_redis_t::cas_owed_t &w : refused)
+        if (cas_run_sync(r, w.db, w.cmd) == TQ_MOM_ERR_CONN) return TQ_MOM_ERR_CONN;
     return TQ_MOM_OK;
 }
 
@@ -229,22 +243,7 @@ int write_cas(tq_mom_redis_t *r, uint32_t db, const std::string &key,
     tq_redis_cmd_t cmd = {"EVALSHA", r->cas_sha, "1", key};
     for (std::string &a : args) cmd.push_back(std::move(a));
     if (!is_sync) return write_async(r, db, {std::move(cmd)}, batch, true);
-    std::vector<tq_redis_reply_t> replies;
-    rv = tq_redis_cmd_run(r, db, {cmd}, replies);
-    if (rv == TQ_MOM_OK && is_noscript(replies[0].get())) {
-        r->cas_loaded = false;
-        if ((rv = load_cas(r, db)) != TQ_MOM_OK) return rv;
-        cmd[1] = r->cas_sha;
-        rv = tq_redis_cmd_run(r, db, {cmd}, replies);
-    }
-    if (rv != TQ_MOM_OK) return rv;
-    if (replies[0]->type != REDIS_REPLY_ERROR) {
-        note_cas(r, cmd, replies[0].get());
-        return TQ_MOM_OK;
-    }
-    fprintf(stderr, "tq_mom_redis: write refused: %.*s\n", static_cast<int>(replies[0]->len),
-            replies[0]->str);
-    return TQ_MOM_ERR;
+    return cas_run_sync(r, db, cmd);
 }
 
 // The marks go with the connection that kept them.
@@ -263,7 +262,7 @@ bool unmark(tq_mom_redis_t *r, uint32_t db, const std::string &key) {
     drop_if_lost(r);
     bool covered = false;
     for (tq_mom_redis_t::sync_t &s : r->syncs)
-        if (s.db == db && (s.exact ? key == s.prefix : key.starts_with(s.prefix))) {
+        if (s.db == db && s.scope.holds(key)) {
             s.marks.erase(key);
             covered = true;
         }
@@ -329,6 +328,16 @@ int fetch_chunk(tq_mom_redis_t *r, uint32_t db, const ProtobufCMessageDescriptor
 
 // ---- tables and slices ------------------------------------------------------
 
+}  // namespace
+
+tq_redis_scope_t tq_redis_scope(const ProtobufCMessage *item, uint32_t mode) {
+    if (tq_mom_key_desc(item->descriptor) == nullptr)
+        return {tq_mom_table_name(item->descriptor), true};
+    return {tq_mom_table_prefix(item, mode == TQ_MOM_MODE_OWNER), false};
+}
+
+namespace {
+
 // The glob of a table's keys (or of an owner slice); the exact key of an unkeyed table.
 std::string table_glob(const ProtobufCMessage *item, uint32_t mode) {
     if (tq_mom_key_desc(item->descriptor) == nullptr)
@@ -364,19 +373,14 @@ int scan_keys(tq_mom_redis_t *r, uint32_t db, const std::string &glob,
     });
 }
 
-// What a data sync covers: a key prefix, or the one key of an unkeyed table.
 tq_mom_redis_t::sync_t sync_of(uint32_t db, const ProtobufCMessage *item, uint32_t mode) {
-    bool keyed = tq_mom_key_desc(item->descriptor) != nullptr;
-    return {db,
-            keyed ? tq_mom_table_prefix(item, mode == TQ_MOM_MODE_OWNER)
-                  : std::string(tq_mom_table_name(item->descriptor)),
-            !keyed, false, {}};
+    return {db, tq_redis_scope(item, mode), false, {}};
 }
 
 std::vector<tq_mom_redis_t::sync_t>::iterator find_sync(tq_mom_redis_t *r,
                                                         const tq_mom_redis_t::sync_t &s) {
     return std::find_if(r->syncs.begin(), r->syncs.end(), [&](const tq_mom_redis_t::sync_t &o) {
-        return o.db == s.db && o.prefix == s.prefix;
+        return o.db == s.db && o.scope == s.scope;
     });
 }
 
@@ -454,11 +458,11 @@ int op_dsbegin(tq_mom_client_t *c, void *, uint32_t db, const ProtobufCMessage *
     tq_mom_redis_t::sync_t s = sync_of(db, item, mode);
     int rv = TQ_MOM_OK;
     std::vector<tq_redis_reply_t> replies;
-    if (!s.exact) {
+    if (!s.scope.exact) {
         rv = scan_each(r, db, table_glob(item, mode), [&](std::string k) { s.marks.insert(std::move(k)); });
-    } else if ((rv = tq_redis_cmd_run(r, db, {{"EXISTS", s.prefix}}, replies)) == TQ_MOM_OK &&
+    } else if ((rv = tq_redis_cmd_run(r, db, {{"EXISTS", s.scope.prefix}}, replies)) == TQ_MOM_OK &&
                replies[0]->integer == 1) {
-        s.marks.insert(s.prefix);
+        s.marks.insert(s.scope.prefix);
     }
     if (rv == TQ_MOM_OK && !s.marks.empty() &&
         (rv = tq_redis_cmd_run(r, db, {{"TYPE", *s.marks.begin()}}, replies)) == TQ_MOM_OK)

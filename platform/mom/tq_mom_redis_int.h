@@ -9,6 +9,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -76,6 +77,16 @@ struct tq_redis_conn_cb_t {
 // re-subscribes.
 enum { TQ_REDIS_NEVER, TQ_REDIS_UP, TQ_REDIS_DOWN, TQ_REDIS_BACK };
 
+// The keys a data sync or a drift watch covers: those of a table or of an
+// owner slice ("T|", "T|<owner>|"), or the one key of an unkeyed table ("T").
+struct tq_redis_scope_t {
+    std::string prefix;
+    bool exact;  // unkeyed: the key is the prefix itself
+    bool holds(std::string_view key) const { return exact ? key == prefix : key.starts_with(prefix); }
+    bool operator==(const tq_redis_scope_t &) const = default;
+};
+tq_redis_scope_t tq_redis_scope(const ProtobufCMessage *item, uint32_t mode);
+
 struct tq_mom_redis_t : tq_mom_client_t {
     struct event_base *master = nullptr;
     tq_redis_addr_t addr{};
@@ -111,8 +122,7 @@ struct tq_mom_redis_t : tq_mom_client_t {
     // to the subscriber connection; both ids change on every reconnection.
     struct watch_t {
         uint32_t db;
-        std::string prefix;  // "T|", "T|<owner>|", or "T" for an unkeyed table
-        bool exact;          // unkeyed: the key is the prefix itself
+        tq_redis_scope_t scope;
         tq_mom_msg_cb_t cb;
         void *arg;
         void *global;
@@ -128,8 +138,7 @@ struct tq_mom_redis_t : tq_mom_client_t {
     // connection drops them, and nothing is left behind to expire.
     struct sync_t {
         uint32_t db;
-        std::string prefix;  // "T|", "T|<owner>|", or "T" for an unkeyed table
-        bool exact;          // unkeyed: the key is the prefix itself
+        tq_redis_scope_t scope;
         bool hash;           // the table held hash records when the sync began
         std::unordered_set<std::string> marks;  // keys not written since
     };

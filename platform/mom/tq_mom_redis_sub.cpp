@@ -203,7 +203,7 @@ size_t deliver_reads(tq_mom_redis_t *r, const std::vector<tq_redis_note_t> &note
 // watches filter what arrives.
 std::vector<std::string> tracked_prefixes(const tq_mom_redis_t *r) {
     std::set<std::string> all;
-    for (const tq_mom_redis_t::watch_t &w : r->watches) all.insert(w.prefix);
+    for (const tq_mom_redis_t::watch_t &w : r->watches) all.insert(w.scope.prefix);
     std::vector<std::string> kept;
     for (const std::string &p : all)
         if (kept.empty() || !p.starts_with(kept.back())) kept.push_back(p);
@@ -267,10 +267,6 @@ int send_invalidate_sub(tq_mom_redis_t *r) {
                : TQ_MOM_ERR;
 }
 
-bool watch_holds(const tq_mom_redis_t::watch_t &w, std::string_view key) {
-    return w.exact ? key == w.prefix : key.starts_with(w.prefix);
-}
-
 // One notice per watch and distinct key; a flush tells every watch once.
 void drifts_run(tq_mom_redis_t *r) {
     if (r->drifts.empty() && !r->drift_all) return;
@@ -290,7 +286,7 @@ void drifts_run(tq_mom_redis_t *r) {
             continue;
         }
         for (const std::string &key : keys) {
-            if (!watch_holds(w, key)) continue;
+            if (!w.scope.holds(key)) continue;
             msg.value = const_cast<char *>(key.c_str());
             w.cb(w.global, &msg, w.arg);
         }
@@ -423,18 +419,16 @@ int tq_redis_watch(tq_mom_client_t *c, void *global, uint32_t db, const Protobuf
     tq_mom_redis_t *r = tq_redis_of(c);
     if (mode > TQ_MOM_MODE_OWNER) return TQ_MOM_ERR_PARAM;
     if (r->state != TQ_REDIS_UP || r->sub == nullptr) return TQ_MOM_ERR_CONN;
-    bool keyed = tq_mom_key_desc(item->descriptor) != nullptr;
-    std::string prefix = keyed ? tq_mom_table_prefix(item, mode == TQ_MOM_MODE_OWNER)
-                               : std::string(tq_mom_table_name(item->descriptor));
+    tq_redis_scope_t scope = tq_redis_scope(item, mode);
     for (tq_mom_redis_t::watch_t &w : r->watches)
-        if (w.db == db && w.prefix == prefix && w.exact == !keyed) {
+        if (w.db == db && w.scope == scope) {
             w.cb = cb;
             w.arg = arg;
             w.global = global;
             return TQ_MOM_OK;
         }
     if (r->watches.empty() && send_invalidate_sub(r) != TQ_MOM_OK) return TQ_MOM_ERR;
-    r->watches.push_back({db, prefix, !keyed, cb, arg, global});
+    r->watches.push_back({db, std::move(scope), cb, arg, global});
     r->tracking = false;
     // A link lost meanwhile re-enables it on the new connections.
     if (tracking_sync(r) != TQ_MOM_ERR) return TQ_MOM_OK;
