@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "bench/bench_records.h"
-#include "support/mom_mem.h"
+#include "platform/mom/tq_mom_mem.h"
 
 // Output writes in the order the daemon made them (db, key, set or delete).
 struct bench_write_t {

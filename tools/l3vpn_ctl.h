@@ -42,6 +42,9 @@ int ctl_cmd_tables(ctl_global_t &g, const std::vector<std::string> &words);
 int ctl_cmd_cap(ctl_global_t &g, const std::vector<std::string> &words);
 int ctl_cmd_cmd(ctl_global_t &g, const std::vector<std::string> &words);
 int ctl_cmd_wait_synced(ctl_global_t &g, const std::vector<std::string> &words);
+int ctl_cmd_verify(ctl_global_t &g, const std::vector<std::string> &words);
+int ctl_cmd_graph(ctl_global_t &g, const std::vector<std::string> &words);
+int ctl_cmd_stats(ctl_global_t &g, const std::vector<std::string> &words);
 
 // Help texts, printed by "COMMAND --help".
 extern const char *const CTL_HELP_LOAD;
@@ -51,6 +54,11 @@ extern const char *const CTL_HELP_TABLES;
 extern const char *const CTL_HELP_CAP;
 extern const char *const CTL_HELP_CMD;
 extern const char *const CTL_HELP_WAIT_SYNCED;
+extern const char *const CTL_HELP_VERIFY;
+extern const char *const CTL_HELP_GRAPH;
+extern const char *const CTL_HELP_STATS;
 
 // "l3vpn-ctl: <what>: <msg>" on standard error; returns status.
 int ctl_fail(const char *what, const std::string &msg, int status = CTL_EXIT_FAIL);
+// The debug socket of a module: $L3VPN_ROOT/var/run/ssat/MODULE.sock.
+std::string ctl_sock_path(const std::string &module);

@@ -25,6 +25,13 @@ const char *const CTL_USAGE =
     "                               run a debug command over the module's socket\n"
     "  wait-synced [--timeout SECONDS] [--module NAME]\n"
     "                               wait until the daemon has finished its data sync\n"
+    "  verify [--json]              compare the outputs in the store with what the\n"
+    "                               inputs imply, and with what the daemon holds\n"
+    "  graph [--vrf N | --label N | --all] [-o FILE]\n"
+    "                               draw entries, next hops, adjacencies and outputs\n"
+    "                               (Graphviz DOT, or SVG for FILE.svg)\n"
+    "  stats [--json]               the daemon's figures (those of its metrics\n"
+    "                               endpoint), as a table or JSON lines\n"
     "\n"
     "options (before or after COMMAND):\n"
     "  --redis ADDR   the MOM's Redis, unix:/path or host:port\n"
@@ -46,6 +53,9 @@ const ctl_command_t ctl_commands[] = {
     {"load", ctl_cmd_load},     {"delete", ctl_cmd_delete}, {"dump", ctl_cmd_dump},
     {"tables", ctl_cmd_tables}, {"cap", ctl_cmd_cap},       {"cmd", ctl_cmd_cmd},
     {"wait-synced", ctl_cmd_wait_synced},
+    {"verify", ctl_cmd_verify},
+    {"graph", ctl_cmd_graph},
+    {"stats", ctl_cmd_stats},
 };
 
 // Takes a global option at words[i] (moving i past its value); 1 taken,

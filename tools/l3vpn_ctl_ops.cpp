@@ -13,6 +13,7 @@
 #include "platform/runtime/tq_path.h"
 #include "platform/ssat/ssat.h"
 #include "tools/l3vpn_ctl.h"
+#include "tools/l3vpn_ctl_inproc.h"
 #include "tools/l3vpn_ctl_redis.h"
 
 const char *const CTL_HELP_CAP =
@@ -52,19 +53,12 @@ const char *const CTL_HELP_WAIT_SYNCED =
 
 namespace {
 
-constexpr unsigned CTL_CAP_DB = 4;
-constexpr const char *CTL_CAP_KEY = "capability|global";
 constexpr int CTL_CMD_TIMEOUT_MS = 30000;  // a full database dump can take a while
 constexpr int CTL_POLL_MS = 200;
 constexpr int CTL_POLL_REQ_MS = 2000;  // longest wait for one reply
 constexpr int CTL_POLL_MIN_MS = 100;   // shortest, when the deadline is near
 constexpr double CTL_SYNC_TIMEOUT_S = 30;
-constexpr const char *CTL_DAEMON_MODULE = "udp-mpls-l3vpn";
 constexpr const char *CTL_SYNC_ROW = "sub cb";
-
-std::string ctl_sock_path(const std::string &module) {
-    return tq_path(("/var/run/ssat/" + module + ".sock").c_str());
-}
 
 // ---- cap -----------------------------------------------------------------------
 
@@ -161,6 +155,10 @@ double ctl_parse_seconds(const std::string &text) {
 }
 
 }  // namespace
+
+std::string ctl_sock_path(const std::string &module) {
+    return tq_path(("/var/run/ssat/" + module + ".sock").c_str());
+}
 
 int ctl_cmd_cap(ctl_global_t &g, const std::vector<std::string> &words) {
     ctl_args_t a;

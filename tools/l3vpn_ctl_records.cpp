@@ -73,8 +73,6 @@ const char *const CTL_HELP_TABLES =
 
 namespace {
 
-constexpr size_t CTL_FETCH_BATCH = 512;
-
 // ---- reading record files ---------------------------------------------------
 
 struct ctl_rec_t {
@@ -335,32 +333,6 @@ struct ctl_dump_t {
     int failures = 0;
 };
 
-int ctl_scan_keys(ctl_redis_t &r, const ctl_tbl_t *t, std::vector<std::string> &keys,
-                  std::string &err) {
-    std::string name = t->desc->name;
-    if (tq_mom_key_desc(t->desc) == nullptr) {
-        ctl_reply_t rep = ctl_redis_cmd(r, {"EXISTS", name}, err);
-        if (rep == nullptr) return -1;
-        if (rep->type == REDIS_REPLY_INTEGER && rep->integer > 0) keys.push_back(name);
-        return 0;
-    }
-    std::string cursor = "0";
-    do {
-        ctl_reply_t rep = ctl_redis_cmd(r, {"SCAN", cursor, "MATCH", name + "|*", "COUNT", "1000"}, err);
-        if (rep == nullptr) return -1;
-        if (rep->type != REDIS_REPLY_ARRAY || rep->elements != 2) {
-            err = "SCAN: " + ctl_reply_text(rep.get());
-            return -1;
-        }
-        cursor = ctl_reply_text(rep->element[0]);
-        const redisReply *list = rep->element[1];
-        for (size_t i = 0; i < list->elements; ++i) keys.push_back(ctl_reply_text(list->element[i]));
-    } while (cursor != "0");
-    std::sort(keys.begin(), keys.end());
-    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
-    return 0;
-}
-
 // One fetched value into a message; null (and a report) when it does not decode.
 // *gone is set when the record vanished between the scan and the read.
 ProtobufCMessage *ctl_decode(ctl_dump_t &d, const ctl_tbl_t *t, unsigned db,
@@ -387,20 +359,14 @@ ProtobufCMessage *ctl_decode(ctl_dump_t &d, const ctl_tbl_t *t, unsigned db,
 
 int ctl_fetch(ctl_dump_t &d, const ctl_tbl_t *t, unsigned db, const std::vector<std::string> &keys,
               std::vector<ctl_msg_ptr> &out, std::string &err) {
-    const char *verb = t->type == CTL_TBL_HASH ? "HGETALL" : "GET";
-    for (size_t at = 0; at < keys.size(); at += CTL_FETCH_BATCH) {
-        size_t end = std::min(keys.size(), at + CTL_FETCH_BATCH);
-        std::vector<ctl_cmd_t> cmds;
-        for (size_t i = at; i < end; ++i) cmds.push_back({verb, keys[i]});
-        std::vector<ctl_reply_t> reps = ctl_redis_pipeline(d.r, cmds, err);
-        if (reps.empty()) return -1;
-        for (size_t i = at; i < end; ++i) {
+    return ctl_redis_fetch(
+        d.r, t, keys,
+        [&](size_t i, const redisReply *rep) {
             bool gone = false;
-            ProtobufCMessage *m = ctl_decode(d, t, db, keys[i], reps[i - at].get(), &gone);
+            ProtobufCMessage *m = ctl_decode(d, t, db, keys[i], rep, &gone);
             if (m != nullptr) out.emplace_back(m);
-        }
-    }
-    return 0;
+        },
+        err);
 }
 
 void ctl_print_table(const ProtobufCMessageDescriptor *desc, const std::vector<ctl_msg_ptr> &msgs) {
@@ -435,7 +401,7 @@ int ctl_dump_table(ctl_dump_t &d, const ctl_tbl_t *t) {
     std::string err;
     std::vector<std::string> keys;
     std::vector<ctl_msg_ptr> msgs;
-    if (ctl_redis_select(d.r, db, err) != 0 || ctl_scan_keys(d.r, t, keys, err) != 0 ||
+    if (ctl_redis_select(d.r, db, err) != 0 || ctl_redis_table_keys(d.r, t, keys, err) != 0 ||
         ctl_fetch(d, t, db, keys, msgs, err) != 0)
         return ctl_fail("dump", err);
     if (d.json) {

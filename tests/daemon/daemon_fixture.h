@@ -20,6 +20,7 @@
 #include "platform/ssat/ssat.h"
 #include "s_mpls.pb-c.h"
 #include "tools/l3vpn_ctl_codec.h"
+#include "tools/l3vpn_ctl_inproc.h"
 #include "tools/l3vpn_ctl_tables.h"
 
 constexpr const char *kModule = "udp-mpls-l3vpn";
@@ -35,7 +36,7 @@ public:
         ASSERT_NE(mkdtemp(root_), nullptr);
         setenv("L3VPN_ROOT", root_, 1);
         g_mom = mom_mem_new();
-        g_ctx = tq_global_init_on(kModule, event_base_new(), g_mom);
+        g_ctx = ctl_inproc_ctx(g_mom);
     }
     void TearDown() override {
         tq_global_finish(g_ctx);  // frees the MOM client and the loop
@@ -54,10 +55,7 @@ protected:
     void SetUp() override {
         mom_ = g_mom;
         start_log();
-        ce_l3vpn_global = g_ctx;
-        ce_l3_table_init(g_ctx);
-        libs_cap_mem_install();
-        ce_l3vpn_cap_subscribed = false;
+        ctl_inproc_init(g_ctx);
         if (!up_) return;
         wake();
         ready();
@@ -81,17 +79,9 @@ protected:
         ce_l3vpn_global = nullptr;
     }
     // Redundancy wake-up -> connections -> database-ready set-up.
-    void wake() {
-        ASSERT_EQ(0, ce_l3vpn_rdnd_awake_cb(tq_global_master(g_ctx)));
-        dispatch();
-        ASSERT_TRUE(ce_l3vpn_db_ready.connected);
-    }
+    void wake() { ASSERT_EQ(0, ctl_inproc_wake(g_ctx)); }
     // Capability ready -> subscriptions -> end markers -> data sync.
-    void ready() {
-        libs_cap_mem_fire_event(LIBS_CAP_EVT_GLOBAL_READY);
-        dispatch();
-        ASSERT_TRUE(ce_l3vpn_cap_subscribed);
-    }
+    void ready() { ASSERT_EQ(0, ctl_inproc_ready(g_ctx)); }
 
     int dispatch() { return mom_mem_dispatch_all(mom_); }
     // An input record decoded from its JSON line as l3vpn-ctl reads it; kept

@@ -9,8 +9,8 @@
 #include "app/proc/ce_l3vpn_proto_op.h"
 #include "app/proc/ce_l3vpn_tbl.h"
 #include "foundation/zlog_capture.h"
+#include "platform/mom/tq_mom_mem.h"
 #include "s_route.pb-c.h"
-#include "support/mom_mem.h"
 #include "u_mpls.pb-c.h"
 
 namespace {

@@ -136,6 +136,7 @@ bool daemon_proc_t::start() {
         }
         setenv("L3VPN_ROOT", root_.c_str(), 1);
         setenv("MOM_REDIS", mom_redis_.c_str(), 1);
+        for (const auto &[name, value] : env_) setenv(name.c_str(), value.c_str(), 1);
         execl(bin.c_str(), bin.c_str(), (char *)nullptr);
         _exit(127);
     }

@@ -63,6 +63,9 @@ public:
     daemon_proc_t(std::string root, std::string mom_redis, int log_level = 4);
     ~daemon_proc_t();
     static std::string binary();
+    // An environment variable for the daemon, beside L3VPN_ROOT and MOM_REDIS
+    // (L3VPN_METRICS, ...); taken by the next start().
+    void set_env(const std::string &name, const std::string &value) { env_.emplace_back(name, value); }
     bool start();
     // Sends sig and waits; returns the exit status (or 128+signal).
     int stop(int sig = 15);
@@ -79,6 +82,7 @@ public:
 private:
     std::string root_, mom_redis_, log_;
     int level_;
+    std::vector<std::pair<std::string, std::string>> env_;
     pid_t pid_ = -1;
 };
 

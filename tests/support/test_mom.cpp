@@ -10,7 +10,7 @@
 #include <functional>
 
 #include "platform/mom/tq_mom.h"
-#include "mom_mem.h"
+#include "platform/mom/tq_mom_mem.h"
 #include "proc_harness.h"
 #include "u_mpls.pb-c.h"
 

@@ -1,5 +1,7 @@
-// In-memory MOM for tests: the same records, keys, notices and data sync as the
-// Redis client, without a server. Notices wait in a queue until the test calls
+// In-memory MOM: the same records, keys, notices and data sync as the Redis
+// client, without a server. The operator tool runs the daemon on a copy of the
+// store with it (l3vpn-ctl verify); the tests run the table client and the
+// daemon on it. Notices wait in a queue until the test calls
 // mom_mem_dispatch_all(), so a write made from inside a callback never recurses.
 // Set and hset notices read the record when delivered (a record gone by then
 // delivers nothing, its delete follows); deletes and expiries carry the record
@@ -21,6 +23,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -45,6 +48,15 @@ enum mom_mem_op_t {
     MOM_MEM_OP_GET,
     MOM_MEM_OP_COUNT,
 };
+
+// A record as Redis holds it: a packed message, or a hash of packed fields.
+enum { MOM_MEM_REC_STRING = 1, MOM_MEM_REC_HASH = 2 };
+struct mom_mem_rec_t {
+    int type = 0;
+    std::string bytes;                          // string record
+    std::map<std::string, std::string> fields;  // hash record: field name -> packed field
+};
+using mom_mem_db_t = std::map<std::string, mom_mem_rec_t, std::less<>>;
 
 struct mom_mem_msg_deleter_t {
     void operator()(ProtobufCMessage *m) const { tq_mom_free(m); }
@@ -72,6 +84,11 @@ void mom_mem_conn_back(tq_mom_client_t *c, uint32_t db);
 mom_mem_msg_ptr mom_mem_get(tq_mom_client_t *c, uint32_t db,
                             const ProtobufCMessageDescriptor *item_desc,
                             std::string_view key_text);
+// Stores a record under its Redis key as it is, with no notice and no mark: a
+// record the store held before the process started.
+void mom_mem_put(tq_mom_client_t *c, uint32_t db, const std::string &key, mom_mem_rec_t rec);
+// Every record of a database by Redis key.
+const mom_mem_db_t &mom_mem_records(tq_mom_client_t *c, uint32_t db);
 // Redis keys of a database, sorted.
 std::vector<std::string> mom_mem_keys(tq_mom_client_t *c, uint32_t db);
 // Subscriptions of a table on db.

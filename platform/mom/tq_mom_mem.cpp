@@ -1,7 +1,7 @@
 // In-memory MOM. Records are held exactly as in Redis (packed strings, hashes of
-// packed fields, under the shared key names), so what a test reads back is
-// what the lower layers would read.
-#include "tests/support/mom_mem.h"
+// packed fields, under the shared key names), so what is read back is what the
+// lower layers would read.
+#include "platform/mom/tq_mom_mem.h"
 
 #include <algorithm>
 #include <array>
@@ -15,14 +15,9 @@
 
 namespace {
 
-enum { REC_STRING = 1, REC_HASH = 2 };
-
-struct mem_rec_t {
-    int type = 0;
-    std::string bytes;                          // string record
-    std::map<std::string, std::string> fields;  // hash record: field name -> packed field
-};
-using mem_db_t = std::map<std::string, mem_rec_t, std::less<>>;
+enum { REC_STRING = MOM_MEM_REC_STRING, REC_HASH = MOM_MEM_REC_HASH };
+using mem_rec_t = mom_mem_rec_t;
+using mem_db_t = mom_mem_db_t;
 
 struct mem_target_t {
     void *global = nullptr;
@@ -487,6 +482,12 @@ mom_mem_msg_ptr mom_mem_get(tq_mom_client_t *c, uint32_t db,
     const mem_rec_t *rec = find_rec(mem_of(c), db, key);
     return rec == nullptr ? nullptr : decode(*rec, item_desc);
 }
+
+void mom_mem_put(tq_mom_client_t *c, uint32_t db, const std::string &key, mom_mem_rec_t rec) {
+    mem_of(c)->dbs[db][key] = std::move(rec);
+}
+
+const mom_mem_db_t &mom_mem_records(tq_mom_client_t *c, uint32_t db) { return mem_of(c)->dbs[db]; }
 
 std::vector<std::string> mom_mem_keys(tq_mom_client_t *c, uint32_t db) {
     std::vector<std::string> keys;
