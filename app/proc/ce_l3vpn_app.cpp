@@ -1,10 +1,12 @@
 #include "app/proc/ce_l3vpn_app.h"
 
 #include <initializer_list>
+#include <string>
 
 #include "app/proc/ce_l3vpn_cap.h"
 #include "app/proc/ce_l3vpn_err.h"
 #include "app/proc/ce_l3vpn_proto_op.h"
+#include "app/proc/ce_l3vpn_refuse.h"
 #include "app/proc/ce_l3vpn_syslog.h"
 
 uint8_t ce_l3vpn_mpls_enable = 0;
@@ -35,6 +37,7 @@ bool op_mixable(uint32_t op) {
 }
 
 const char *hw_word(uint8_t add_or_del) { return add_or_del ? "add" : "del"; }
+void nhop_del(ce_app_node_t *app, ce_nhop_node_t *nhop);
 
 // The label operation of a next hop: its in_adj node's opcode, 0 when that is not one of ours.
 uint32_t nhop_opcode(const ce_nhop_node_t *nhop) {
@@ -58,6 +61,14 @@ bool nhop_opcode_agrees(uint32_t op, uint32_t first) {
     return false;
 }
 
+// Over capacity: the record waits for room and the refusal names it.
+// A record already waiting (seen again by a data sync, or updated) is not
+// counted twice.
+void keep_aside(const ce_msg_comm_t *msg, const char *why) {
+    if (ce_l3vpn_app_wait_keep(msg))
+        ce_l3vpn_refuse_msg(msg, CE_REFUSE_CAPACITY, (std::string(why) + ", kept aside").c_str());
+}
+
 // The app node of a message, found or created (capacity checked first).
 ce_app_node_t *app_node_get_or_add(ce_msg_comm_t *msg) {
     ce_app_node_t *app = ce_app_node_db_get_entry(msg);
@@ -65,9 +76,14 @@ ce_app_node_t *app_node_get_or_add(ce_msg_comm_t *msg) {
                  static_cast<void *>(app));
     if (app != nullptr) return app;
 
+    if (ce_l3vpn_app_wait_entry(msg)) {
+        keep_aside(msg, "entry waits for room");
+        return nullptr;
+    }
     if (ce_l3vpn_cap_app_check(msg->owner) != SS_E_NONE) {
         ce_l3vpn_syslog_cap_full(msg->owner);
         CE_L3VPN_LOG(CE_L3VPN_WARN, "CAP  FULL");
+        keep_aside(msg, ce_l3vpn_cap_full_text(msg->owner).c_str());
         return nullptr;
     }
     app = ce_app_node_db_new_app_node(msg);
@@ -154,6 +170,10 @@ ce_nhop_node_t *ce_app_node_add(ce_msg_comm_t *msg, bool *nhop_is_new) {
 
     ce_nhop_node_t *nhop = ce_app_node_db_cmp_nhop(app, msg);
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, "get nhop node, %p", static_cast<void *>(nhop));
+    if (nhop == nullptr && (ce_l3vpn_app_wait_holds(msg) || !ce_l3vpn_cap_nhop_room(msg))) {
+        keep_aside(msg, ce_l3vpn_cap_ecmp_text(app->nhop_num).c_str());
+        return nullptr;
+    }
     if (nhop == nullptr) {
         nhop = ce_app_node_db_new_nhop_node(msg);
         if (nhop == nullptr) {
@@ -227,17 +247,26 @@ int ce_l3vpn_app_del(ce_msg_comm_t *msg) {
     ce_app_node_t *app = ce_app_node_db_get_entry(msg);
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, "get app node, entry:%p", static_cast<void *>(app));
     if (app == nullptr) {
+        if (ce_l3vpn_app_wait_drop(msg)) return 0;
         CE_L3VPN_ERR_REC(CE_ERR_APP_NODE_NOT_FOUND);
         return 7;
     }
     ce_nhop_node_t *nhop = ce_app_node_db_cmp_nhop(app, msg);
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, "get nhop node, entry:%p", static_cast<void *>(nhop));
     if (nhop == nullptr) {
+        if (ce_l3vpn_app_wait_drop(msg)) return 0;
         CE_L3VPN_ERR_REC(CE_ERR_NHOP_NODE_NOT_FOUND);
         return 7;
     }
+    nhop_del(app, nhop);
+    // What waited for the room this delete made goes in now.
+    ce_l3vpn_app_wait_drain(msg->owner);
+    return 0;
+}
 
-    ce_app_op_hw(msg->owner, nhop, CE_HW_DEL);
+namespace {
+void nhop_del(ce_app_node_t *app, ce_nhop_node_t *nhop) {
+    ce_app_op_hw(app->owner, nhop, CE_HW_DEL);
     uint32_t del_op = nhop_opcode(nhop);
     uint32_t nhop_num_before = app->nhop_num;
     bool last = app->nhop_list.next == &nhop->app_link && app->nhop_list.prev == &nhop->app_link;
@@ -250,17 +279,17 @@ int ce_l3vpn_app_del(ce_msg_comm_t *msg) {
     // Withdraws the route from EF once more and the in_adj node from UC if it was its last user.
     ce_nhop_bind_in_adj(nhop, nullptr);
     ce_app_node_del(nhop);  // frees app with its last next hop
-    if (last) return 0;
+    if (last) return;
 
     if (!first_opcode_changed(app, del_op, nhop_num_before)) {
         if (heir != nullptr) ce_l3vpn_ilm_op_hw(app, heir->in_adj, CE_HW_ADD, ce_l3vpn_ttl_copy);
-        return 0;
+        return;
     }
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, "wk nhop node, because opcode POP or change, first_opcode: %d",
                  static_cast<int>(app->first_opcode));
     ce_opcode_chg_update_app_nhop_and_opcode(app);
-    return 0;
 }
+}  // namespace
 
 void ce_app_node_del(ce_nhop_node_t *nhop) {
     if (ce_list_linked(&nhop->in_adj_link)) {
@@ -386,4 +415,5 @@ void ce_l3vpn_app_reset(void) {
     ce_l3vpn_ttl_copy = 0;
     ce_in_adj_mpls_id = 0;
     ce_l3vpn_app_ds_reset();
+    ce_l3vpn_app_wait_reset();
 }

@@ -1,5 +1,6 @@
 // Add and delete of forwarding entries, and the global switches.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 #include "app/proc/ce_l3vpn_app_node_db.h"
 #include "app/proc/ce_l3vpn_in_adj_db.h"
@@ -56,3 +57,22 @@ bool ce_l3vpn_app_ds_live(void);
 void ce_l3vpn_app_ds_abort(void);
 // Frees all forwarding state and resets the switches and the id counter (tests).
 void ce_l3vpn_app_reset(void);
+
+// ---- records kept aside for capacity (ce_l3vpn_app_queue.cpp) ----
+// A record refused for capacity (a new entry over the owner's capacity, a next
+// hop beyond the ECMP path limit) waits; a newer version keeps its place.
+// True when the record was not waiting before.
+bool ce_l3vpn_app_wait_keep(const ce_msg_comm_t *msg);
+// A delete of a waiting record: true when it was waiting (and is gone now).
+bool ce_l3vpn_app_wait_drop(const ce_msg_comm_t *msg);
+// The record's entry waits for room (its later records wait behind it).
+bool ce_l3vpn_app_wait_entry(const ce_msg_comm_t *msg);
+// This very record (entry and next hop) waits.
+bool ce_l3vpn_app_wait_holds(const ce_msg_comm_t *msg);
+// Programs what now fits, oldest first: after a delete, a raised capability, a sync.
+void ce_l3vpn_app_wait_drain(uint32_t owner);
+void ce_l3vpn_app_wait_drain_all(void);
+// Drops the waiting records that the current data sync did not see again.
+void ce_l3vpn_app_wait_sweep(void);
+size_t ce_l3vpn_app_wait_count(uint32_t owner);
+void ce_l3vpn_app_wait_reset(void);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "app/proc/ce_l3vpn_app.h"
+#include "app/proc/ce_l3vpn_cap.h"
 #include "app/proc/ce_l3vpn_err.h"
 #include "app/proc/ce_l3vpn_proto_op.h"
 
@@ -91,29 +92,54 @@ int held_rank(const ce_msg_comm_t &msg) {
     return ce_l3vpn_ef_route_held(&nhop) ? 1 : 2;
 }
 
+// Owners with more entries to replay than their capacity holds: the entries
+// programmed before the restart go first, so the same ones are programmed
+// again and the rest wait, rather than a new draw in the store's order.
+std::vector<bool> owners_over_capacity(const std::vector<uint32_t> &by_entry) {
+    std::vector<uint32_t> entries(CE_OWNER_ILM + 1, 0);
+    for (size_t i = 0; i < by_entry.size(); ++i)
+        if (i == 0 || !same_entry(deferred[by_entry[i - 1]], deferred[by_entry[i]]))
+            ++entries[deferred[by_entry[i]].owner % (CE_OWNER_ILM + 1)];
+    std::vector<bool> over(CE_OWNER_ILM + 1, false);
+    over[CE_OWNER_VC_FTN] = entries[CE_OWNER_VC_FTN] > ce_l3vpn_cap_app_room_left(CE_OWNER_VC_FTN);
+    over[CE_OWNER_ILM] = entries[CE_OWNER_ILM] > ce_l3vpn_cap_app_room_left(CE_OWNER_ILM);
+    return over;
+}
+
 // The order to apply the deferred entries in: the store's order, except that
-// within an entry whose choice matters the held next hops take the first places.
+// within an entry whose choice matters the held next hops take the first
+// places, and, for an owner over its capacity, held entries come first.
 std::vector<uint32_t> replay_order(void) {
     std::vector<uint32_t> by_entry(deferred.size());
     std::iota(by_entry.begin(), by_entry.end(), 0u);
     std::stable_sort(by_entry.begin(), by_entry.end(), [](uint32_t a, uint32_t b) {
         return entry_less(deferred[a], deferred[b]);
     });
+    const std::vector<bool> over = owners_over_capacity(by_entry);
     std::vector<uint32_t> order(deferred.size());
     std::iota(order.begin(), order.end(), 0u);
+    std::vector<bool> held(deferred.size(), true);
     for (size_t lo = 0, hi = 0; lo < by_entry.size(); lo = hi) {
         hi = lo + 1;
         while (hi < by_entry.size() && same_entry(deferred[by_entry[lo]], deferred[by_entry[hi]])) ++hi;
         std::vector<uint32_t> group(by_entry.begin() + lo, by_entry.begin() + hi);
-        if (group.size() < 2 || !choice_matters(group)) continue;
+        const bool pressed = over[deferred[group[0]].owner % over.size()];
+        const bool choose = group.size() >= 2 && choice_matters(group);
+        if (!pressed && !choose) continue;
         std::vector<int> rank(group.size());
         for (size_t i = 0; i < group.size(); ++i) rank[i] = held_rank(deferred[group[i]]);
+        if (pressed) {
+            bool any = *std::min_element(rank.begin(), rank.end()) < 2;
+            for (uint32_t i : group) held[i] = any;
+        }
+        if (!choose) continue;
         std::vector<uint32_t> pos(group.size());
         std::iota(pos.begin(), pos.end(), 0u);
         std::stable_sort(pos.begin(), pos.end(), [&](uint32_t a, uint32_t b) { return rank[a] < rank[b]; });
         // group holds the entry's places in store order; fill them in rank order.
         for (size_t i = 0; i < group.size(); ++i) order[group[i]] = group[pos[i]];
     }
+    std::stable_partition(order.begin(), order.end(), [&](uint32_t i) { return held[i]; });
     return order;
 }
 
@@ -167,6 +193,8 @@ void ce_l3vpn_app_ds_settle(void) {
     in_sync = false;
     apply_deferred();
     remove_unseen_nhops();
+    ce_l3vpn_app_wait_sweep();
+    ce_l3vpn_app_wait_drain_all();
     // A switch whose input is gone goes off, as its delete would have done.
     if (!saw_mpls && ce_l3vpn_mpls_enable != 0) ce_l3vpn_app_mpls_enable_op(0);
     if (!saw_ttl && ce_l3vpn_ttl_copy != 0) ce_l3vpn_app_ttl_copy_op(0);

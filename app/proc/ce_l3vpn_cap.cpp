@@ -1,11 +1,14 @@
 #include "app/proc/ce_l3vpn_cap.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
+#include "app/proc/ce_l3vpn_app.h"
 #include "app/proc/ce_l3vpn_app_node_db.h"
 #include "app/proc/ce_l3vpn_err.h"
 #include "app/proc/ce_l3vpn_msg.h"
+#include "app/proc/ce_l3vpn_refuse.h"
 
 namespace {
 constexpr ce_l3vpn_cap_t cap_bool(const char *name, const char *path, bool def) {
@@ -47,20 +50,36 @@ const ce_l3vpn_cap_t *cap_by_name(const char *name) {
     return nullptr;
 }
 
+constexpr const char *kValueDetail = "value:\"%s\" %s";
+
+void refuse_value(const char *path, const std::string &value, const char *why) {
+    char detail[LIBS_CAP_VALUE_MAX + 64];
+    snprintf(detail, sizeof detail, kValueDetail, value.c_str(), why);
+    ce_l3vpn_refuse("capability", path, CE_REFUSE_VALUE, detail);
+}
+
 uint32_t cur(ce_l3vpn_cap_idx_t idx) {
     return static_cast<uint32_t>(ce_l3vpn_cap_tbl[idx].cur_int32);
 }
+int32_t cur_signed(ce_l3vpn_cap_idx_t idx) { return ce_l3vpn_cap_tbl[idx].cur_int32; }
 
-// A value the service cannot give leaves the default in force.
+// A value the service cannot give leaves the default in force; one that is
+// stored but not usable is also refused by name.
 void cap_read(ce_l3vpn_cap_t &c) {
+    int rv;
     if (c.kind == CE_CAP_KIND_INT32) {
         int32_t v = 0;
-        c.cur_int32 =
-            libs_cap_ce_get_g_cap_int32(ce_l3vpn_cap_handle, c.path, &v) == 0 ? v : c.def_int32;
-        return;
+        rv = libs_cap_ce_get_g_cap_int32(ce_l3vpn_cap_handle, c.path, &v);
+        if (rv == 0 && !ce_l3vpn_cap_value_ok(c, v)) rv = LIBS_CAP_ERR;
+        c.cur_int32 = rv == 0 ? v : c.def_int32;
+    } else {
+        bool b = false;
+        rv = libs_cap_ce_get_g_cap_bool(ce_l3vpn_cap_handle, c.path, &b);
+        c.cur_bool = rv == 0 ? b : c.def_bool;
     }
-    bool b = false;
-    c.cur_bool = libs_cap_ce_get_g_cap_bool(ce_l3vpn_cap_handle, c.path, &b) == 0 ? b : c.def_bool;
+    std::string text;
+    if (rv == LIBS_CAP_ERR && libs_cap_ce_get_g_cap_text(ce_l3vpn_cap_handle, c.path, &text) == 0)
+        refuse_value(c.path, text, "not usable, default kept");
 }
 
 void cap_subscribe(const ce_l3vpn_cap_t &c) {
@@ -89,24 +108,38 @@ int cap_global_ready(void) {
 template <typename V>
 int cap_apply_change(libs_cap_msg_t *pmsg,
                      int (*extract)(const libs_cap_msg_t *, uint32_t, char *, V *, uint32_t *),
-                     void (*store)(ce_l3vpn_cap_t &, V)) {
+                     bool (*store)(ce_l3vpn_cap_t &, V)) {
     char key[LIBS_CAP_PATH_MAX] = {};
     V value{};
     uint32_t aux = 0;
-    if (extract(pmsg, sizeof key, key, &value, &aux) != 0) return -11;
+    std::string text(pmsg->value, strnlen(pmsg->value, sizeof pmsg->value));
+    if (extract(pmsg, sizeof key, key, &value, &aux) != 0) {
+        refuse_value(pmsg->path, text, "does not parse, previous value kept");
+        return -11;
+    }
     ce_l3vpn_cap_t *c = cap_by_path(key);
     if (c == nullptr) return -7;
-    store(*c, value);
+    if (!store(*c, value)) {
+        refuse_value(c->path, text, "out of range, previous value kept");
+        return -11;
+    }
     return 0;
 }
 
-void store_int32(ce_l3vpn_cap_t &c, int32_t v) { c.cur_int32 = v; }
-void store_bool(ce_l3vpn_cap_t &c, bool v) { c.cur_bool = v ? 1 : 0; }
+bool store_int32(ce_l3vpn_cap_t &c, int32_t v) {
+    if (!ce_l3vpn_cap_value_ok(c, v)) return false;
+    c.cur_int32 = v;
+    return true;
+}
+bool store_bool(ce_l3vpn_cap_t &c, bool v) {
+    c.cur_bool = v ? 1 : 0;
+    return true;
+}
 
 template <typename V>
 int cap_chg_callback(const char *func, const char *text, libs_cap_msg_t *pmsg,
                      int (*extract)(const libs_cap_msg_t *, uint32_t, char *, V *, uint32_t *),
-                     void (*store)(ce_l3vpn_cap_t &, V)) {
+                     bool (*store)(ce_l3vpn_cap_t &, V)) {
     if (pmsg->event == LIBS_CAP_MSG_SUB_OK) {
         CE_L3VPN_LOG_FN(func, CE_L3VPN_DEBUG, "subscribe OK.");
         return 0;
@@ -116,6 +149,8 @@ int cap_chg_callback(const char *func, const char *text, libs_cap_msg_t *pmsg,
     int rv = cap_apply_change(pmsg, extract, store);
     if (rv == 0) {
         ce_l3vpn_cap_notify_pi();
+        // A raised capacity or path limit lets waiting entries in.
+        ce_l3vpn_app_wait_drain_all();
         return 0;
     }
     CE_L3VPN_LOG_FN(func, CE_L3VPN_ERROR, "Fail, rv %d, pmsg parse", rv);
@@ -204,6 +239,52 @@ int ce_l3vpn_cap_app_check(uint32_t owner) {
             CE_L3VPN_FAIL("0", CE_ERR_UNKNOWN_OWNER, "FATAL ERROR ! unknown owner:%u", owner);
             return 1;
     }
+}
+
+uint32_t ce_l3vpn_cap_app_room_left(uint32_t owner) {
+    const ce_app_db_t *db = ce_app_node_db_get_owner_db(owner);
+    if (db == nullptr) return 0;
+    if (owner != CE_OWNER_VC_FTN && owner != CE_OWNER_ILM) return UINT32_MAX;
+    int64_t cap = cur_signed(owner == CE_OWNER_VC_FTN ? CE_CAP_VC_FTN : CE_CAP_ILM);
+    return static_cast<uint32_t>(std::max<int64_t>(0, cap - db->tbl.count));
+}
+
+bool ce_l3vpn_cap_app_room(uint32_t owner) { return ce_l3vpn_cap_app_room_left(owner) > 0; }
+
+bool ce_l3vpn_cap_nhop_room(const ce_msg_comm_t *msg) {
+    int32_t max = cur_signed(CE_CAP_ECMP_MAX_PATH);
+    if (max <= 0) return true;
+    const ce_app_node_t *app = ce_app_node_db_get_entry(msg);
+    return app == nullptr || static_cast<int64_t>(app->nhop_num) < max;
+}
+
+std::string ce_l3vpn_cap_full_text(uint32_t owner) {
+    const ce_app_db_t *db = ce_app_node_db_get_owner_db(owner);
+    ce_l3vpn_cap_idx_t idx = owner == CE_OWNER_VC_FTN ? CE_CAP_VC_FTN : CE_CAP_ILM;
+    char text[96];
+    snprintf(text, sizeof text, "%s full, cur:%u, cap:%d", owner == CE_OWNER_VC_FTN ? "vc ftn" : "ilm",
+             db != nullptr ? db->tbl.count : 0, cur_signed(idx));
+    return text;
+}
+
+std::string ce_l3vpn_cap_ecmp_text(uint32_t paths) {
+    char text[64];
+    snprintf(text, sizeof text, "ecmp full, paths:%u, cap:%d", paths, cur_signed(CE_CAP_ECMP_MAX_PATH));
+    return text;
+}
+
+int ce_l3vpn_cap_label_check(const ce_msg_comm_t *msg) {
+    int32_t depth = cur_signed(CE_CAP_ENCAP_LABEL_DPTH);
+    if (depth <= 0 || msg->data.n_labels <= depth) return 0;
+    CE_L3VPN_FAIL("data->n_labels <= encap_label_dpth", CE_ERR_LABEL_DEPTH, "depth:%u cap:%d",
+                  msg->data.n_labels, depth);
+    return 4;
+}
+
+bool ce_l3vpn_cap_value_ok(const ce_l3vpn_cap_t &c, int32_t value) {
+    if (c.kind != CE_CAP_KIND_INT32) return true;
+    if (value < 0) return false;
+    return &c != &ce_l3vpn_cap_tbl[CE_CAP_ENCAP_LABEL_DPTH] || value <= CE_MPLS_MAX_LABELS;
 }
 
 // Positions follow the forwarding-ability record; the constants are the

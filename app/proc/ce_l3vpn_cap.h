@@ -3,7 +3,9 @@
 // VC-FTN and ILM entries.
 #pragma once
 #include <cstdint>
+#include <string>
 
+#include "app/proc/ce_l3vpn_msg.h"
 #include "app/proc/ce_l3vpn_proto_op.h"
 #include "platform/cap/libs_cap.h"
 
@@ -49,6 +51,23 @@ int ce_l3vpn_cap_int32_chg_callback(void *handle, libs_cap_msg_t *pmsg);
 int ce_l3vpn_cap_bool_chg_callback(void *handle, libs_cap_msg_t *pmsg);
 // 0 room for one more entry of the owner; 6 full; 1 bad owner.
 int ce_l3vpn_cap_app_check(uint32_t owner);
+
+// Quiet forms for the records kept aside: room for one more entry of the
+// owner; room for one more next hop in the entry of msg (ECMP path limit).
+bool ce_l3vpn_cap_app_room(uint32_t owner);
+// How many more entries of the owner fit (VC-FTN, ILM); UINT32_MAX for FTN.
+uint32_t ce_l3vpn_cap_app_room_left(uint32_t owner);
+bool ce_l3vpn_cap_nhop_room(const ce_msg_comm_t *msg);
+// The texts of the capacity refusals: "ilm full, cur:4000, cap:4000",
+// "ecmp full, paths:8, cap:8".
+std::string ce_l3vpn_cap_full_text(uint32_t owner);
+std::string ce_l3vpn_cap_ecmp_text(uint32_t paths);
+// An add whose label stack is deeper than "encap_label_dpth" (when that is
+// set): row LABEL_DEPTH, 4. A limit of 0 means the switch did not tell one.
+int ce_l3vpn_cap_label_check(const ce_msg_comm_t *msg);
+// Whether a value is in range for a capability: int32 rows take 0 and up,
+// the label depth at most the labels a record carries.
+bool ce_l3vpn_cap_value_ok(const ce_l3vpn_cap_t &c, int32_t value);
 
 // The ability record of the current values, as notified to PI.
 void ce_l3vpn_cap_build_ability(ce_l3vpn_ability_t *ability);

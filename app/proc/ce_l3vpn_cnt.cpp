@@ -7,6 +7,7 @@
 
 #include "app/proc/ce_l3vpn_dump.h"
 #include "app/proc/ce_l3vpn_err.h"
+#include "app/proc/ce_l3vpn_refuse.h"
 #include "app/proc/ce_l3vpn_main.h"
 #include "app/proc/ce_l3vpn_msg_parse.h"
 #include "app/proc/ce_l3vpn_tbl.h"
@@ -203,6 +204,7 @@ int ce_l3_status_cnt_add(void *value, void *) {
     if (rv != 0) {
         CE_L3VPN_LOG(CE_L3VPN_ERROR, "Fail, rv %d, status_cnt msg_in parse", rv);
         CE_L3VPN_ERR_REC(CE_ERR_APP_GET_RV);
+        ce_l3vpn_refuse_record(value, rv);
         return rv;
     }
     CE_L3VPN_ERR_REC(CE_ERR_STATUS_CNT);

@@ -12,6 +12,8 @@
 #include "app/proc/ce_l3vpn_logall.h"
 #include "app/proc/ce_l3vpn_main.h"
 #include "app/proc/ce_l3vpn_msg_op.h"
+#include "app/proc/ce_l3vpn_refuse.h"
+#include "app/proc/ce_l3vpn_stats.h"
 #include "app/proc/ce_l3vpn_tbl.h"
 #include "format/at_snprintf.h"
 #include "p_intf.pb-c.h"
@@ -399,6 +401,25 @@ int cmd_status_cnt_clr(const ssat_args_t *a) {
     return tq_mom_publish(ce_l3vpn_global, tbl_db(CE_TBL_IF_CLEAR_CNT), &rec.base, 1, 0);
 }
 
+// Refusals by table and reason, then what waits for room.
+int cmd_show_refused(const ssat_args_t *) {
+    ce_l3vpn_refuse_dump();
+    for (uint32_t owner : {CE_OWNER_FTN, CE_OWNER_VC_FTN, CE_OWNER_ILM})
+        ce_l3vpn_dbg_print("waiting for room %-8s %zu\n", ce_owner_name(owner),
+                           ce_l3vpn_app_wait_count(owner));
+    ce_l3vpn_dbg_print("lines not logged %llu\n",
+                       static_cast<unsigned long long>(ce_l3vpn_refuse_unlogged()));
+    return 0;
+}
+
+// The figures of the metrics endpoint as "name{labels} value" lines; written
+// whole, since a line may be longer than one print's buffer.
+int cmd_show_stats(const ssat_args_t *) {
+    const std::string text = ce_l3vpn_stats_samples(ce_l3vpn_stats_snapshot());
+    fwrite(text.data(), 1, text.size(), stdout);
+    return 0;
+}
+
 struct ce_l3vpn_cmd_t {
     const char *name;
     const char *fmt;
@@ -414,6 +435,8 @@ const ce_l3vpn_cmd_t kCmds[] = {
     {"debug", "level:%d", cmd_debug},
     {"show-info", "is_clean:%d is_detail:%d", cmd_show_info},
     {"get-mem_cnt", "void", cmd_get_mem_cnt},
+    {"show-refused", "void", cmd_show_refused},
+    {"show-stats", "void", cmd_show_stats},
     {"dump-cap-info", "is_form:%d", cmd_dump_cap_info},
     {"dump-basic-info", "void", cmd_dump_basic_info},
     {"get-ilm", "in_label:%d", cmd_get_ilm},

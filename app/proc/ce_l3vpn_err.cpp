@@ -12,6 +12,7 @@
 int32_t ce_l3vpn_dbg_level = CE_L3VPN_ERROR;
 uint64_t ce_l3vpn_zlog_handle = 0;
 uint32_t ce_l3vpn_mem_cnt = 0;
+uint32_t ce_l3vpn_err_last_fail = 0;
 
 namespace {
 constexpr ce_l3vpn_err_row_t row(const char *name, uint32_t level) {

@@ -134,6 +134,8 @@ extern int32_t ce_l3vpn_dbg_level;
 extern uint64_t ce_l3vpn_zlog_handle;
 extern ce_l3vpn_err_row_t ce_l3vpn_err_tbl[CE_ERR_ROWS];
 extern uint32_t ce_l3vpn_mem_cnt;
+// The row of the last failed check (CE_L3VPN_FAIL), 0 for none: refusals name it.
+extern uint32_t ce_l3vpn_err_last_fail;
 
 // Words of the debug levels 0..5, and of the row levels (0..5, else "NO DEFINE").
 const char *ce_l3vpn_dbg_level_name(int32_t level);
@@ -178,6 +180,7 @@ constexpr size_t ce_l3vpn_src_len(const char *path) {
 #define CE_L3VPN_FAIL(cond_text, code, fmt, ...)                                              \
     do {                                                                                      \
         CE_L3VPN_ERR_REC(code);                                                               \
+        ce_l3vpn_err_last_fail = (code);                                                      \
         CE_L3VPN_LOG(CE_L3VPN_ERROR, "fail:%s code:%d " fmt, cond_text, (int)(code),         \
                      ##__VA_ARGS__);                                                          \
     } while (0)

@@ -8,10 +8,13 @@
 #include <unistd.h>
 
 #include "app/proc/ce_l3vpn_err.h"
+#include "app/proc/ce_l3vpn_metrics.h"
 #include "app/proc/ce_l3vpn_proto_op.h"
+#include "app/proc/ce_l3vpn_refuse.h"
 #include "app/proc/ce_l3vpn_tbl.h"
 #include "app/proc/ce_l3vpn_wake.h"
 #include "platform/ham/ham.h"
+#include "platform/mom/tq_mom_redis.h"
 #include "platform/runtime/tq_global.h"
 #include "platform/runtime/tq_path.h"
 
@@ -108,12 +111,17 @@ int ce_l3vpn_main(void) {
         CE_L3VPN_LOG(CE_L3VPN_ERROR, "tq_global init fail");
         return 17;
     }
+    // Records the MOM client cannot deliver are refusals of ours.
+    tq_mom_redis_set_bad_cb(static_cast<tq_global_t *>(ce_l3vpn_global)->mom,
+                            ce_l3vpn_refuse_mom_bad, nullptr);
     ce_l3_table_init(ce_l3vpn_global);
+    ce_l3vpn_metrics_start(ce_l3vpn_global);  // off unless L3VPN_METRICS is set
     ce_l3vpn_proto_op_init();
     ce_l3vpn_rdnd_reg(ce_l3vpn_global);
 
     CE_L3VPN_LOG(CE_L3VPN_INFO, "mpls l3 init over, start running.\n");
     tq_global_run(ce_l3vpn_global);
+    ce_l3vpn_metrics_stop();
     tq_global_finish(ce_l3vpn_global);
     return 0;
 }

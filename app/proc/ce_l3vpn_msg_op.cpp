@@ -11,6 +11,8 @@
 #include "app/proc/ce_l3vpn_err.h"
 #include "app/proc/ce_l3vpn_main.h"
 #include "app/proc/ce_l3vpn_msg_parse.h"
+#include "app/proc/ce_l3vpn_refuse.h"
+#include "app/proc/ce_l3vpn_stats.h"
 #include "app/proc/ce_l3vpn_switch.h"
 #include "app/proc/ce_l3vpn_tbl.h"
 #include "platform/runtime/tq_global.h"
@@ -167,15 +169,19 @@ const ce_l3_handler_t kIlmDel = {parse_ilm, 0, ">>>>> del ilm", "Fail, rv %d, il
 int ce_l3_handle(const ce_l3_handler_t &h, const void *wire) {
     CE_L3VPN_LOG(CE_L3VPN_INFO, h.start);
     ce_msg_comm_t msg;
+    ce_l3vpn_err_last_fail = 0;
     int rv = h.parse(&msg, wire, h.is_add);
     if (rv != 0) {
         CE_L3VPN_LOG(CE_L3VPN_ERROR, h.parse_fail, rv);
         CE_L3VPN_ERR_REC(CE_ERR_APP_GET_RV);
+        ce_l3vpn_refuse_record(wire, rv);
         return rv;
     }
     CE_L3VPN_ERR_REC(h.code);
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, h.dump, ce_l3vpn_dump_msg_comm(&msg));
+    ce_l3vpn_refuse_set_input(wire);
     ce_l3_comm_msg_op(&msg);
+    ce_l3vpn_refuse_set_input(nullptr);
     CE_L3VPN_LOG(CE_L3VPN_DEBUG, h.end);
     return rv;
 }
@@ -217,6 +223,7 @@ int ce_l3vpn_fun_subscribe(void) {
 // input that could not be read is not an input that went. It is tried again.
 int ce_l3_data_check(void) {
     CE_L3VPN_LOG(CE_L3VPN_INFO, ">>>>> DS BEGIN\n");
+    ce_l3vpn_stats_ds_begin();
     const bool live = ce_l3vpn_app_ds_live();
     int rv = live ? 0 : ce_l3_read_back();
     for (const ce_l3_ds_t &d : kDsTables)
@@ -242,6 +249,7 @@ int ce_l3_data_check(void) {
     // The sync's passing memory (held-back adds, the sweep's key sets) goes back
     // to the system rather than staying in the daemon's resident size.
     malloc_trim(0);
+    ce_l3vpn_stats_ds_end();
     CE_L3VPN_LOG(CE_L3VPN_INFO, "<<<<< DS OVER \n");
     return 0;
 }
@@ -266,10 +274,13 @@ int ce_l3_comm_msg_op(ce_msg_comm_t *msg) {
     }
     switch (msg->msg_event) {
     case CE_MSG_EVENT_ADD: {
+        ce_l3vpn_err_last_fail = 0;
         int rv = check(msg);
+        if (rv == 0) rv = ce_l3vpn_cap_label_check(msg);
         if (rv != 0) {
             CE_L3VPN_LOG(CE_L3VPN_ERROR, "Fail, rv %d, comm_msg check", rv);
             CE_L3VPN_ERR_REC(CE_ERR_APP_GET_RV);
+            ce_l3vpn_refuse_msg(msg, CE_REFUSE_INVALID, ce_l3vpn_refuse_last_check());
             return rv;
         }
         return ce_l3vpn_app_add(msg);

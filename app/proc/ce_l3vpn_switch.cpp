@@ -3,6 +3,7 @@
 #include "app/proc/ce_l3vpn_app.h"
 #include "app/proc/ce_l3vpn_dump.h"
 #include "app/proc/ce_l3vpn_err.h"
+#include "app/proc/ce_l3vpn_refuse.h"
 #include "app/proc/ce_l3vpn_msg_parse.h"
 #include "app/proc/ce_l3vpn_proto_op.h"
 #include "p_mpls.pb-c.h"
@@ -117,10 +118,12 @@ int ce_l3_in_adj_bak_cb(void *, tq_mom_msg_t *reply, void *) {
     auto *in_adj = reply != nullptr ? static_cast<SRoute__InSubAdj *>(reply->value) : nullptr;
     ce_msg_comm_t msg;
     uint64_t mpls_id = 0;
+    ce_l3vpn_err_last_fail = 0;
     int rv = ce_l3vpn_msg_in_adj_parse(&msg, &mpls_id, in_adj);
     if (rv != 0) {
         CE_L3VPN_LOG(CE_L3VPN_ERROR, "Fail, rv %d, inner adj msg parse", rv);
         CE_L3VPN_ERR_REC(CE_ERR_APP_GET_RV);
+        ce_l3vpn_refuse_record(in_adj, rv);
         return rv;
     }
     CE_L3VPN_ERR_REC(CE_ERR_IN_ADJ_CB);
@@ -129,6 +132,7 @@ int ce_l3_in_adj_bak_cb(void *, tq_mom_msg_t *reply, void *) {
     if (rv != 0) {
         CE_L3VPN_LOG(CE_L3VPN_ERROR, "Fail, rv %d, inner adj check", rv);
         CE_L3VPN_ERR_REC(CE_ERR_APP_GET_RV);
+        ce_l3vpn_refuse_record(in_adj, rv);
         return rv;
     }
     rv = ce_l3vpn_app_in_adj_recover(&msg, mpls_id);

@@ -205,6 +205,14 @@ int libs_cap_ce_get_g_cap_bool(void *, const char *path, bool *value) {
     return rv != LIBS_CAP_OK ? rv : libs_cap_parse_bool(*text, value);
 }
 
+int libs_cap_ce_get_g_cap_text(void *, const char *path, std::string *text) {
+    const std::string *stored = nullptr;
+    if (text == nullptr) return LIBS_CAP_ERR_PARAM;
+    int rv = lookup(path, &stored);
+    if (rv == LIBS_CAP_OK) *text = *stored;
+    return rv;
+}
+
 int libs_cap_ce_subscribe_g_cap_int32(void *handle, const char *path, libs_cap_chg_cb_t cb) {
     return subscribe(handle, path, cb);
 }

@@ -59,6 +59,9 @@ int libs_cap_init(void *global, const char *module);
 // not be read), -11 when its text is not of the asked kind, -4 null argument.
 int libs_cap_ce_get_g_cap_int32(void *handle, const char *path, int32_t *value);
 int libs_cap_ce_get_g_cap_bool(void *handle, const char *path, bool *value);
+// The text stored under a path as last read, so that a refused value can be
+// named: 0, or -7 when the path holds nothing.
+int libs_cap_ce_get_g_cap_text(void *handle, const char *path, std::string *text);
 
 // Follows one path: cb(handle, msg) with LIBS_CAP_MSG_SUB_OK once the service
 // watches the store, then with LIBS_CAP_MSG_CHANGED on every change of the value.

@@ -15,7 +15,9 @@
 
 namespace {
 
-constexpr const char *NOTICE_CLASSES = "K$hgx";
+// Strings, hashes, generic and expiry events carry the records; lists, sets,
+// sorted sets and streams tell of a value of the wrong type under a key.
+constexpr const char *NOTICE_CLASSES = "K$hgxlszt";
 
 // Writes inside an open data sync, one record each: an equal value is not
 // written again, so an unchanged restart leaves no notice. KEYS[1] the record;
@@ -276,7 +278,7 @@ bool unmark(tq_mom_redis_t *r, uint32_t db, const std::string &key) {
 ProtobufCMessage *own_key_only(tq_mom_redis_t *r, const std::string &key, ProtobufCMessage *msg) {
     std::string own;
     if (msg == nullptr || (tq_mom_record_key(msg, own) == 0 && own == key)) return msg;
-    tq_redis_count_bad(r, key, "key does not match its record");
+    tq_redis_count_bad(r, key, TQ_REDIS_BAD_KEY);
     tq_mom_free(msg);
     return nullptr;
 }
@@ -284,19 +286,20 @@ ProtobufCMessage *own_key_only(tq_mom_redis_t *r, const std::string &key, Protob
 ProtobufCMessage *decode_string(tq_mom_redis_t *r, const ProtobufCMessageDescriptor *desc,
                                 const std::string &key, const redisReply *rep) {
     ProtobufCMessage *msg = tq_mom_unpack(desc, reply_str(rep));
-    if (msg == nullptr) tq_redis_count_bad(r, key, "does not decode");
+    if (msg == nullptr) tq_redis_count_bad(r, key, TQ_REDIS_BAD_DECODE);
     return own_key_only(r, key, msg);
 }
 
 // An HGETALL reply: null for an empty hash (the record is gone) or a bad one.
 ProtobufCMessage *decode_hash(tq_mom_redis_t *r, const ProtobufCMessageDescriptor *desc,
                               const std::string &key, const redisReply *rep) {
+    if (is_wrongtype(rep)) tq_redis_count_bad(r, key, TQ_REDIS_BAD_TYPE);
     if (rep->type != REDIS_REPLY_ARRAY || rep->elements == 0) return nullptr;
     std::vector<std::pair<std::string, std::string>> fields;
     for (size_t i = 0; i + 1 < rep->elements; i += 2)
         fields.emplace_back(reply_str(rep->element[i]), reply_str(rep->element[i + 1]));
     ProtobufCMessage *msg = tq_mom_hash_unpack(desc, fields);
-    if (msg == nullptr) tq_redis_count_bad(r, key, "hash does not decode");
+    if (msg == nullptr) tq_redis_count_bad(r, key, TQ_REDIS_BAD_DECODE);
     return own_key_only(r, key, msg);
 }
 
@@ -686,9 +689,12 @@ int tq_redis_scan_deliver(tq_mom_redis_t *r, void *global, uint32_t db,
     return rv;
 }
 
-void tq_redis_count_bad(tq_mom_redis_t *r, const std::string &key, const char *why) {
+void tq_redis_count_bad(tq_mom_redis_t *r, const std::string &key, uint32_t why) {
+    static constexpr const char *kWhy[] = {"does not decode", "key does not match its record",
+                                           "is of another type"};
     ++r->bad_values;
-    fprintf(stderr, "tq_mom_redis: value of \"%s\" %s, skipped\n", key.c_str(), why);
+    if (r->bad_cb != nullptr) r->bad_cb(key.c_str(), why, r->bad_arg);
+    else fprintf(stderr, "tq_mom_redis: value of \"%s\" %s, skipped\n", key.c_str(), kWhy[why]);
 }
 
 // ---- public -----------------------------------------------------------------
@@ -717,6 +723,23 @@ tq_mom_client_t *tq_mom_redis_new(struct event_base *master) {
 uint64_t tq_mom_redis_bad_values(tq_mom_client_t *c) {
     tq_mom_redis_t *r = redis_of_any(c);
     return r != nullptr ? r->bad_values : 0;
+}
+
+void tq_mom_redis_set_bad_cb(tq_mom_client_t *c, tq_redis_bad_cb_t cb, void *arg) {
+    tq_mom_redis_t *r = redis_of_any(c);
+    if (r == nullptr) return;
+    r->bad_cb = cb;
+    r->bad_arg = arg;
+}
+
+bool tq_mom_redis_link_up(tq_mom_client_t *c) {
+    tq_mom_redis_t *r = redis_of_any(c);
+    return r != nullptr && r->state == TQ_REDIS_UP;
+}
+
+uint64_t tq_mom_redis_reconnects(tq_mom_client_t *c) {
+    tq_mom_redis_t *r = redis_of_any(c);
+    return r != nullptr ? r->reconnects : 0;
 }
 
 uint64_t tq_mom_redis_write_errors(tq_mom_client_t *c) {

@@ -37,6 +37,15 @@ std::string tq_redis_glob_escape(const std::string &text);
 // Counters of the client made by tq_mom_redis_new (0 for another client).
 // Values that do not decode (skipped, never delivered).
 uint64_t tq_mom_redis_bad_values(tq_mom_client_t *c);
+// Why a record was skipped: its value does not decode, its key does not parse
+// or names another record, the store holds another type under the key.
+enum { TQ_REDIS_BAD_DECODE = 0, TQ_REDIS_BAD_KEY = 1, TQ_REDIS_BAD_TYPE = 2 };
+// Told of every skipped record with its Redis key ("T|<key text>").
+typedef void (*tq_redis_bad_cb_t)(const char *redis_key, uint32_t why, void *arg);
+void tq_mom_redis_set_bad_cb(tq_mom_client_t *c, tq_redis_bad_cb_t cb, void *arg);
+// Whether the link is up now; how many times it came back after a loss.
+bool tq_mom_redis_link_up(tq_mom_client_t *c);
+uint64_t tq_mom_redis_reconnects(tq_mom_client_t *c);
 // Error replies to pipelined writes.
 uint64_t tq_mom_redis_write_errors(tq_mom_client_t *c);
 // Commands sent on the command connection (each one a request of its own,

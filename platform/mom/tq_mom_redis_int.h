@@ -114,6 +114,9 @@ struct tq_mom_redis_t : tq_mom_client_t {
     bool back_report = false;  // so does its return
 
     uint64_t bad_values = 0;
+    tq_redis_bad_cb_t bad_cb = nullptr;
+    void *bad_arg = nullptr;
+    uint64_t reconnects = 0;
     uint64_t write_errors = 0;
     uint64_t commands = 0;
 
@@ -192,7 +195,7 @@ int tq_redis_scan_deliver(tq_mom_redis_t *r, void *global, uint32_t db,
 // Delivers one record to cb (string or hash notice) and frees it.
 void tq_redis_deliver(void *global, tq_mom_msg_cb_t cb, void *arg, uint32_t cmd,
                       ProtobufCMessage *msg, bool hash);
-void tq_redis_count_bad(tq_mom_redis_t *r, const std::string &key, const char *why);
+void tq_redis_count_bad(tq_mom_redis_t *r, const std::string &key, uint32_t why);
 
 // ---- subscriber side and the link (tq_mom_redis_sub.cpp) --------------------
 // Creates the link and retry events.

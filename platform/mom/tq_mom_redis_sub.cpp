@@ -39,6 +39,7 @@ void report(tq_mom_redis_t *r, uint32_t type) {
 // Reported from the loop, not from inside the connection's own callbacks.
 void link_back(tq_mom_redis_t *r) {
     r->state = TQ_REDIS_UP;
+    ++r->reconnects;
     fprintf(stderr, "tq_mom_redis: connection back\n");
     r->back_report = true;
     event_active(r->link_ev, EV_TIMEOUT, 0);
@@ -57,13 +58,25 @@ void on_confirm(tq_mom_redis_t *r, tq_redis_sub_t *s) {
     if (r->state == TQ_REDIS_BACK && r->awaiting > 0 && --r->awaiting == 0) link_back(r);
 }
 
+// A list, set, sorted set or stream written under a table's key: the read that
+// follows finds the wrong type and reports the key, where it would go unseen.
+bool tq_redis_foreign_write(std::string_view event) {
+    static constexpr std::string_view kEvents[] = {"lpush", "rpush", "linsert", "lset", "sadd",
+                                                   "zadd", "zincr", "xadd"};
+    for (std::string_view e : kEvents)
+        if (event == e) return true;
+    return false;
+}
+
 void on_keyspace(tq_mom_redis_t *r, tq_redis_sub_t *s, std::string_view channel,
                  std::string_view event) {
     if (!channel.starts_with(s->prefix)) return;
     std::string_view key = channel.substr(s->prefix.size());
-    if (event == "set") push_note(r, s, TQ_REDIS_NOTE_SET, key);
+    if (event == "set" || event == "rename_to" || tq_redis_foreign_write(event))
+        push_note(r, s, TQ_REDIS_NOTE_SET, key);
     else if (event == "hset") push_note(r, s, TQ_REDIS_NOTE_HSET, key);
-    else if (event == "del" || event == "expired") push_note(r, s, TQ_REDIS_NOTE_DEL, key);
+    else if (event == "del" || event == "expired" || event == "rename_from")
+        push_note(r, s, TQ_REDIS_NOTE_DEL, key);
 }
 
 // Replies of one subscribed table: confirmations, keyspace events, messages.
@@ -170,7 +183,7 @@ void deliver_direct(tq_mom_redis_t *r, const tq_redis_note_t &n) {
         del ? tq_mom_item_from_key(s->desc, n.text) : tq_mom_unpack(s->desc, n.text);
     if (msg == nullptr) {
         tq_redis_count_bad(r, del ? n.text : s->channel,
-                           del ? "key does not parse" : "does not decode");
+                           del ? TQ_REDIS_BAD_KEY : TQ_REDIS_BAD_DECODE);
         return;
     }
     tq_redis_deliver(s->global, s->cb, s->arg, del ? TQ_MOM_CMD_DEL : TQ_MOM_CMD_SET, msg, false);

@@ -1,6 +1,7 @@
 // Add and delete of FTN, VC-FTN and ILM next hops and the global switches,
 // checked on what lands in the MOM and in the databases.
 #include "app_fixture.h"
+#include "app/proc/ce_l3vpn_refuse.h"
 
 namespace {
 using AppAddDelTest = AppTest;
@@ -214,15 +215,45 @@ TEST_F(AppAddDelTest, ZeroAddressOrInterfaceStaysOutOfEf) {
     EXPECT_TRUE(has(log, ": zero con_nhop:010.000.000.002 or ifx:0 or opcode:1, wouldn't set to EF"));
 }
 
-TEST_F(AppAddDelTest, CapacityFullCreatesNothing) {
-    ce_l3vpn_cap_tbl[CE_CAP_VC_FTN].cur_int32 = 0;
-    ce_msg_comm_t m = vc_ftn_msg(100, nh4(2, 9), {200});
-    EXPECT_EQ(11, ce_l3vpn_app_add(&m));
-    EXPECT_EQ(1u, rows(CE_ERR_VC_FTN_FULL));
+// Over capacity nothing is created and the alarm goes out; the record waits:
+// a newer version keeps its place (counted once), a delete takes it out of
+// line, the next delete of a programmed entry lets the oldest in, and a data
+// sync that no longer sees its input drops it.
+TEST_F(AppAddDelTest, CapacityFullRecordsWaitInOrder) {
+    ce_l3vpn_cap_tbl[CE_CAP_VC_FTN].cur_int32 = 1;
+    ce_msg_comm_t a = vc_ftn_msg(100, nh4(2, 9), {200});
+    ce_msg_comm_t b = vc_ftn_msg(101, nh4(2, 9), {201});
+    ce_msg_comm_t c = vc_ftn_msg(102, nh4(2, 9), {202});
+    ASSERT_EQ(0, ce_l3vpn_app_add(&a));
+    const int32_t one_entry = live_nodes();
+    EXPECT_EQ(11, ce_l3vpn_app_add(&b));
+    EXPECT_EQ(11, ce_l3vpn_app_add(&c));
+    EXPECT_EQ(2u, rows(CE_ERR_VC_FTN_FULL));
     EXPECT_EQ(1u, ce_l3vpn_syslog_vc_ftn_limit.interval);  // the alarm went out
-    EXPECT_EQ(0, live_nodes());
-    EXPECT_TRUE(uc(CE_RT_OWNER_VC_FTN).empty());
+    EXPECT_EQ(one_entry, live_nodes());
+    EXPECT_EQ(1u, uc(CE_RT_OWNER_VC_FTN).size());
     EXPECT_TRUE(has(take_log(), ": CAP  FULL"));
+    b.data.labels[0] = 301;
+    EXPECT_EQ(11, ce_l3vpn_app_add(&b));
+    EXPECT_EQ(2u, ce_l3vpn_app_wait_count(CE_OWNER_VC_FTN));
+    EXPECT_EQ(2u, ce_l3vpn_refuse_count("u_mpls.udp_vc_ftn", CE_REFUSE_CAPACITY));
+
+    ce_msg_comm_t del_c = as_del(c);
+    EXPECT_EQ(0, ce_l3vpn_app_del(&del_c));
+    EXPECT_EQ(0u, rows(CE_ERR_APP_NODE_NOT_FOUND));
+    ce_msg_comm_t del_a = as_del(a);
+    ASSERT_EQ(0, ce_l3vpn_app_del(&del_a));
+    ASSERT_NE(nullptr, app_of(b));
+    EXPECT_EQ(301u, ce_nhop_of(app_of(b)->nhop_list.next)->in_adj->data.labels[0]);
+    EXPECT_EQ(0u, ce_l3vpn_app_wait_count(CE_OWNER_VC_FTN));
+
+    ASSERT_EQ(11, ce_l3vpn_app_add(&c));
+    ce_l3vpn_app_ds_begin();
+    ce_l3vpn_app_add(&b);
+    ce_l3vpn_app_ds_settle();
+    EXPECT_EQ(0u, ce_l3vpn_app_wait_count(CE_OWNER_VC_FTN));
+    EXPECT_NE(nullptr, app_of(b));
+    ce_l3vpn_refuse_reset();
 }
 
 // A next hop is its address and interface, and its labels except for VC-FTN;

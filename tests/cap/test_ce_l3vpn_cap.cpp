@@ -3,6 +3,7 @@
 // and MOM. The app-node databases and the table subscriptions are stood in for below.
 #include <gtest/gtest.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -13,9 +14,9 @@
 #include "foundation/zlog_capture.h"
 #include "p_mpls.pb-c.h"
 #include "platform/cap/libs_cap_mem.h"
+#include "platform/mom/tq_mom_mem.h"
 #include "platform/syslog/syslog_ext.h"
 #include "platform/syslog/syslog_ext_ring.h"
-#include "support/mom_mem.h"
 
 // Stand-ins for the app-node databases (owners 1..4 have one) and the subscriptions.
 ce_app_db_t g_dbs[4];
@@ -24,6 +25,15 @@ ce_app_db_t *ce_app_node_db_get_owner_db(uint32_t owner) {
 }
 int g_fun_subscribe = 0;
 int ce_l3vpn_fun_subscribe(void) { return ++g_fun_subscribe, 0; }
+ce_app_node_t *ce_app_node_db_get_entry(const ce_msg_comm_t *) { return nullptr; }
+int g_wait_drains = 0;
+void ce_l3vpn_app_wait_drain_all(void) { ++g_wait_drains; }
+void ce_l3vpn_dbg_print(const char *fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    vprintf(fmt, ap);
+    va_end(ap);
+}
 
 namespace {
 int64_t g_now_us = 0;
