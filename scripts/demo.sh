@@ -34,11 +34,17 @@ trap cleanup EXIT
 
 say "Starting a private Redis on $sock (it is the MOM, the shared record store)"
 redis-server --port 0 --unixsocket "$sock" --save "" --appendonly no \
-  --notify-keyspace-events K\$hgx >"$work/redis.log" 2>&1 &
+  --notify-keyspace-events K\$hgxlszt >"$work/redis.log" 2>&1 &
 redis_pid=$!
 for _ in $(seq 50); do redis-cli -s "$sock" ping >/dev/null 2>&1 && break; sleep 0.1; done
 
-say "Starting the daemon under a restart loop (L3VPN_ROOT=$root, log level INFO)"
+# A free loopback port for the daemon's metrics endpoint: one nothing answers on.
+for port in $(shuf -i 20000-60000 -n 50); do
+  (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null || break
+done
+export L3VPN_METRICS=127.0.0.1:$port
+
+say "Starting the daemon under a restart loop (L3VPN_ROOT=$root, log level INFO, metrics on $L3VPN_METRICS)"
 mkdir -p "$root/var/run/ssat" "$root/data/sw_mpls" "$root/data/route/tbl_dbg" "$root/var/sw_mpls/ham"
 echo 4 > "$root/data/sw_mpls/ce_l3vpn_zlog.dbg"
 (
@@ -82,6 +88,24 @@ show_outputs
 say "The daemon's own overview (debug command \"show-info\")"
 "$ctl" cmd udp-mpls-l3vpn show-info is_clean:0 is_detail:0
 
+say "One scrape of the metrics endpoint (curl http://$L3VPN_METRICS/metrics), a few of its lines"
+curl -s "http://$L3VPN_METRICS/metrics" |
+  grep -E '^(# TYPE )?l3vpn_(entries|adjacencies|capacity_used|notices_total\{kind="ftn")|^# EOF'
+
+say "The same figures through the operator tool (l3vpn-ctl stats; --json for JSON lines)"
+"$ctl" stats
+
+say "Checking the lower layers against the inputs and the daemon (l3vpn-ctl verify)"
+"$ctl" verify
+
+say "A picture of the forwarding state of VRF 1 (l3vpn-ctl graph --vrf 1), Graphviz DOT"
+"$ctl" graph --vrf 1 -o "$work/vrf1.dot"
+head -n 12 "$work/vrf1.dot"; echo "... ($(wc -l < "$work/vrf1.dot") lines)"
+if command -v dot >/dev/null; then
+  "$ctl" graph --all -o "$top/build-demo/network.svg"
+  echo "the whole network as SVG: build-demo/network.svg"
+fi
+
 say "Deleting VRF 2's entries (examples/vrf2.jsonl) and showing what was withdrawn"
 "$ctl" dump all --json | sort > "$work/before.jsonl"
 "$ctl" delete examples/vrf2.jsonl
@@ -101,6 +125,7 @@ for _ in $(seq 50); do
 done
 echo "back after the daemon's repair: $(redis-cli -s "$sock" -n 10 exists "$adj") $(redis-cli -s "$sock" -n 6 exists "$rt") (1 = present)"
 grep -m1 'outputs changed by another client' "$work/daemon.log" || true
+"$ctl" verify
 
 say "Done. The daemon's log:"
 tail -n 5 "$work/daemon.log"
