@@ -2,6 +2,7 @@
 // capture of a handler's standard output.
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -32,6 +33,8 @@ void ssat_cmd_list(const ssat_mod_t &mod, std::string &out) {
 }
 
 // A file in memory that takes the handler's output; -1 when none can be made.
+// Its pages count against the machine, not the heap, and the server bounds
+// what such files hold for clients that do not read (ssat_srv.cpp).
 int ssat_capture_fd() {
     int fd = memfd_create("ssat-out", MFD_CLOEXEC);
     if (fd >= 0) return fd;
@@ -39,6 +42,16 @@ int ssat_capture_fd() {
     fd = mkostemp(tmpl, O_CLOEXEC);
     if (fd >= 0) unlink(tmpl);
     return fd;
+}
+
+bool ssat_put(int fd, std::string_view text) {
+    while (!text.empty()) {
+        ssize_t n = write(fd, text.data(), text.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        text.remove_prefix(static_cast<size_t>(n));
+    }
+    return true;
 }
 
 void ssat_read_back(int fd, std::string &out) {
@@ -53,19 +66,16 @@ void ssat_read_back(int fd, std::string &out) {
     }
 }
 
-// Runs the handler with descriptor 1 pointing at a capture file, so printf
+// Runs the handler with descriptor 1 pointing at the capture file, so printf
 // output (and anything else written to standard output) goes to the requester.
 // A file rather than a pipe: the handler runs to its end before anything is
 // read. False (handler not run) when standard output cannot be redirected.
-bool ssat_run_captured(const ssat_cmd_t &cmd, const ssat_args_t &args, std::string &out, int &rc) {
-    int cap = ssat_capture_fd();
-    if (cap < 0) return false;
+bool ssat_run_captured(const ssat_cmd_t &cmd, const ssat_args_t &args, int cap, int &rc) {
     fflush(stdout);
     int saved = dup(STDOUT_FILENO);
     bool had_stdout = saved >= 0;
     if ((!had_stdout && errno != EBADF) || dup2(cap, STDOUT_FILENO) < 0) {
         if (had_stdout) close(saved);
-        close(cap);
         return false;
     }
     rc = cmd.func(&args);
@@ -76,9 +86,32 @@ bool ssat_run_captured(const ssat_cmd_t &cmd, const ssat_args_t &args, std::stri
     } else {
         close(STDOUT_FILENO);
     }
-    ssat_read_back(cap, out);
-    close(cap);
     return true;
+}
+
+// Writes the answer to a request into cap: the handler's output, or the text
+// of a request that runs nothing. False when it could not be written.
+bool ssat_answer(const ssat_mod_t &mod, std::string_view line, int cap, int &rc) {
+    std::string_view rest = line.substr(0, line.find('\n'));
+    std::string_view name = ssat_next_word(rest);
+    const ssat_cmd_t *cmd = ssat_cmd_find(mod, name);
+    std::string text;
+    if (cmd == nullptr) {
+        bool help = name.empty() || name == "help";
+        if (!help) text.append("unknown command: ").append(name).append("\n");
+        ssat_cmd_list(mod, text);
+        rc = help ? 0 : -2;
+        return ssat_put(cap, text);
+    }
+    ssat_args_t args;
+    std::string arg_text(rest);
+    if (arg_text.find('\0') != std::string::npos ||
+        ssat_parse_args(cmd->fmt.c_str(), arg_text.c_str(), &args) != 0) {
+        text.append("usage: ").append(cmd->name).append(" ").append(cmd->fmt).append("\n");
+        rc = -4;
+        return ssat_put(cap, text);
+    }
+    return ssat_run_captured(*cmd, args, cap, rc);
 }
 
 }  // namespace
@@ -95,30 +128,18 @@ ssat_mod_t *ssat_mod_get(std::string_view name) {
     return &it->second;
 }
 
-int ssat_serve_line(const ssat_mod_t &mod, std::string_view line, std::string &out) {
-    out.clear();
-    std::string_view rest = line.substr(0, line.find('\n'));
-    std::string_view name = ssat_next_word(rest);
-    const ssat_cmd_t *cmd = ssat_cmd_find(mod, name);
-    if (cmd == nullptr) {
-        bool help = name.empty() || name == "help";
-        if (!help) out.append("unknown command: ").append(name).append("\n");
-        ssat_cmd_list(mod, out);
-        return help ? 0 : -2;
-    }
-    ssat_args_t args;
-    std::string arg_text(rest);
-    if (arg_text.find('\0') != std::string::npos ||
-        ssat_parse_args(cmd->fmt.c_str(), arg_text.c_str(), &args) != 0) {
-        out.append("usage: ").append(cmd->name).append(" ").append(cmd->fmt).append("\n");
-        return -4;
-    }
+int ssat_serve_line(const ssat_mod_t &mod, std::string_view line, ssat_reply_t &reply) {
+    reply = ssat_reply_t{};
     int rc = 0;
-    if (!ssat_run_captured(*cmd, args, out, rc)) {
-        out = "output capture failed\n";
-        return -1;
+    struct stat st{};
+    reply.fd = ssat_capture_fd();
+    if (reply.fd >= 0 && ssat_answer(mod, line, reply.fd, rc) && fstat(reply.fd, &st) == 0) {
+        reply.size = st.st_size;
+        return rc;
     }
-    return rc;
+    if (reply.fd >= 0) close(reply.fd);
+    reply = ssat_reply_t{-1, static_cast<off_t>(SSAT_TEXT_NO_CAPTURE.size()), SSAT_TEXT_NO_CAPTURE};
+    return -1;
 }
 
 int ssat_reg_mod_cmd(const char *module, const char *cmd, uint32_t /*flags*/, const char *arg_fmt,
@@ -144,7 +165,15 @@ int ssat_run_local(const char *module, const char *request_line, std::string &ou
         output.append("unknown module: ").append(module != nullptr ? module : "").append("\n");
         return -1;
     }
-    return ssat_serve_line(*mod, request_line != nullptr ? request_line : "", output);
+    ssat_reply_t reply;
+    int rc = ssat_serve_line(*mod, request_line != nullptr ? request_line : "", reply);
+    if (reply.fd < 0) {
+        output.assign(reply.fixed);
+        return rc;
+    }
+    ssat_read_back(reply.fd, output);
+    close(reply.fd);
+    return rc;
 }
 
 void ssat_lib_reset(void) {
