@@ -33,10 +33,23 @@ cleanup() {
 trap cleanup EXIT
 
 say "Starting a private Redis on $sock (it is the MOM, the shared record store)"
-redis-server --port 0 --unixsocket "$sock" --save "" --appendonly no \
-  --notify-keyspace-events K\$hgxlszt >"$work/redis.log" 2>&1 &
+echo "with the package's settings and accounts (deploy/redis-l3vpn-mom.conf, deploy/l3vpn-mom.acl):"
+echo "l3vpn-daemon, l3vpn-ctl and l3vpn-monitor get passwords made for this run, one file each"
+echo "holding \"USER PASSWORD\" (the package makes them in /etc/l3vpn); the ACL file gets their hashes"
+cp deploy/l3vpn-mom.acl "$work/l3vpn-mom.acl"
+for who in daemon ctl monitor; do
+  (umask 077; printf 'l3vpn-%s %s\n' "$who" "$(od -An -N16 -tx1 /dev/urandom | tr -d ' \n')" >"$work/mom-$who.auth")
+  hash=$(cut -d' ' -f2 "$work/mom-$who.auth" | tr -d '\n' | sha256sum | cut -d' ' -f1)
+  sed -i "/^user l3vpn-$who /s/#0\{64\}/#$hash/" "$work/l3vpn-mom.acl"
+done
+redis-server deploy/redis-l3vpn-mom.conf --unixsocket "$sock" --unixsocketperm 700 \
+  --aclfile "$work/l3vpn-mom.acl" --dir "$work" >"$work/redis.log" 2>&1 &
 redis_pid=$!
-for _ in $(seq 50); do redis-cli -s "$sock" ping >/dev/null 2>&1 && break; sleep 0.1; done
+for _ in $(seq 50); do redis-cli -s "$sock" ping 2>&1 | grep -q NOAUTH && break; sleep 0.1; done
+# The tool logs in as l3vpn-ctl; the daemon as l3vpn-daemon (below).
+export MOM_REDIS_AUTH_FILE=$work/mom-ctl.auth
+# redis-cli as l3vpn-ctl: the password goes in on standard input, never on a command line.
+rcli() { cut -d' ' -f2 "$MOM_REDIS_AUTH_FILE" | redis-cli -s "$sock" --user l3vpn-ctl --askpass --no-auth-warning "$@"; }
 
 # A free loopback port for the daemon's metrics endpoint: one nothing answers on.
 for port in $(shuf -i 20000-60000 -n 50); do
@@ -49,8 +62,9 @@ mkdir -p "$root/var/run/ssat" "$root/data/sw_mpls" "$root/data/route/tbl_dbg" "$
 echo 4 > "$root/data/sw_mpls/ce_l3vpn_zlog.dbg"
 (
   # Exit status 77 means the MOM connection was lost: start again, as a supervisor would.
+  # 78: the MOM did not take its credentials; that needs an operator, not a restart.
   while true; do
-    "$daemon" >>"$work/daemon.log" 2>&1 && break
+    MOM_REDIS_AUTH_FILE=$work/mom-daemon.auth "$daemon" >>"$work/daemon.log" 2>&1 && break
     rc=$?
     [ "$rc" -eq 77 ] || break
     sleep 1
@@ -95,8 +109,8 @@ curl -s "http://$L3VPN_METRICS/metrics" |
 say "The same figures through the operator tool (l3vpn-ctl stats; --json for JSON lines)"
 "$ctl" stats
 
-say "Checking the lower layers against the inputs and the daemon (l3vpn-ctl verify)"
-"$ctl" verify
+say "Checking the lower layers against the inputs and the daemon (l3vpn-ctl verify, as l3vpn-monitor: it only reads)"
+"$ctl" --auth-file "$work/mom-monitor.auth" verify
 
 say "A picture of the forwarding state of VRF 1 (l3vpn-ctl graph --vrf 1), Graphviz DOT"
 "$ctl" graph --vrf 1 -o "$work/vrf1.dot"
@@ -115,17 +129,30 @@ echo "Records the daemon withdrew from the lower layers:"
 comm -23 "$work/before.jsonl" "$work/after.jsonl" | grep -v '"table": *"p_mpls.mom_msg_ftn"\|"table": *"p_mpls.mom_msg_ilm"' || true
 
 say "Outputs changed behind the daemon's back are repaired: deleting UC and EF records by hand"
-adj=$(redis-cli -s "$sock" -n 10 --scan --pattern 's_route.in_sub_adj|1|*' | head -n 1)
-rt=$(redis-cli -s "$sock" -n 6 --scan --pattern 's_route.comm_rt|1|*' | head -n 1)
-echo "deleted: $adj"; redis-cli -s "$sock" -n 10 del "$adj" >/dev/null
-echo "deleted: $rt";  redis-cli -s "$sock" -n 6 del "$rt" >/dev/null
+adj=$(rcli -n 10 --scan --pattern 's_route.in_sub_adj|1|*' | head -n 1)
+rt=$(rcli -n 6 --scan --pattern 's_route.comm_rt|1|*' | head -n 1)
+echo "deleted: $adj"; rcli -n 10 del "$adj" >/dev/null
+echo "deleted: $rt";  rcli -n 6 del "$rt" >/dev/null
 for _ in $(seq 50); do
-  [ "$(redis-cli -s "$sock" -n 10 exists "$adj")$(redis-cli -s "$sock" -n 6 exists "$rt")" = 11 ] && break
+  [ "$(rcli -n 10 exists "$adj")$(rcli -n 6 exists "$rt")" = 11 ] && break
   sleep 0.2
 done
-echo "back after the daemon's repair: $(redis-cli -s "$sock" -n 10 exists "$adj") $(redis-cli -s "$sock" -n 6 exists "$rt") (1 = present)"
+echo "back after the daemon's repair: $(rcli -n 10 exists "$adj") $(rcli -n 6 exists "$rt") (1 = present)"
 grep -m1 'outputs changed by another client' "$work/daemon.log" || true
-"$ctl" verify
+"$ctl" --auth-file "$work/mom-monitor.auth" verify
+
+say "The MOM's accounts: nobody on the socket may flush it, not even the daemon's"
+echo "FLUSHALL without logging in:   $(redis-cli -s "$sock" flushall 2>&1)"
+echo "FLUSHALL as l3vpn-ctl:         $(rcli flushall 2>&1)"
+echo "FLUSHALL as l3vpn-daemon:      $(cut -d' ' -f2 "$work/mom-daemon.auth" |
+  redis-cli -s "$sock" --user l3vpn-daemon --askpass --no-auth-warning flushall 2>&1)"
+echo "A second daemon with a wrong password (its own L3VPN_ROOT) stops at once:"
+(umask 077; printf 'l3vpn-daemon not-its-password\n' >"$work/wrong.auth")
+mkdir -p "$work/root-wrong/var/run"
+rc=0
+MOM_REDIS_AUTH_FILE=$work/wrong.auth L3VPN_ROOT=$work/root-wrong "$daemon" >"$work/wrong.log" 2>&1 || rc=$?
+tail -n 1 "$work/wrong.log"
+echo "exit status $rc (78: the MOM did not take its credentials; 77 would ask for a restart)"
 
 say "Done. The daemon's log:"
 tail -n 5 "$work/daemon.log"

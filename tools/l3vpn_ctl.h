@@ -28,7 +28,7 @@ struct ctl_optspec_t {
 };
 
 // Splits a subcommand's words into options and positionals. The global options
-// (--redis, --root) and --help are recognised everywhere; after verbatim_after
+// (--redis, --root, --auth-file) and --help are recognised everywhere; after verbatim_after
 // positionals every word is a positional. 0, or -1 with err.
 int ctl_parse_args(ctl_global_t &g, const std::vector<std::string> &words,
                    const std::vector<ctl_optspec_t> &own, size_t verbatim_after, ctl_args_t &out,

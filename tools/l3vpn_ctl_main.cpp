@@ -3,12 +3,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/mom/tq_mom_redis.h"
 #include "tools/l3vpn_ctl.h"
 
 namespace {
 
 const char *const CTL_USAGE =
-    "usage: l3vpn-ctl [--redis ADDR] [--root DIR] COMMAND [ARGS...]\n"
+    "usage: l3vpn-ctl [--redis ADDR] [--auth-file FILE] [--root DIR] COMMAND [ARGS...]\n"
     "\n"
     "Operator tool of the MPLS L3VPN daemon: its records in the MOM, the\n"
     "capabilities, and its debug commands.\n"
@@ -36,6 +37,8 @@ const char *const CTL_USAGE =
     "options (before or after COMMAND):\n"
     "  --redis ADDR   the MOM's Redis, unix:/path or host:port\n"
     "                 (default: $MOM_REDIS, else 127.0.0.1:6379)\n"
+    "  --auth-file FILE  the Redis user and password, one line \"USER PASSWORD\"\n"
+    "                 (sets MOM_REDIS_AUTH_FILE; none: no AUTH is sent)\n"
     "  --root DIR     prefix of the daemon's fixed paths, such as its debug sockets\n"
     "                 (sets L3VPN_ROOT)\n"
     "  --help         this text; l3vpn-ctl COMMAND --help tells about a command\n"
@@ -63,7 +66,7 @@ const ctl_command_t ctl_commands[] = {
 int ctl_take_global(ctl_global_t &g, const std::vector<std::string> &words, size_t &i,
                     std::string &err) {
     const std::string &w = words[i];
-    for (const char *name : {"--redis", "--root"}) {
+    for (const char *name : {"--redis", "--root", "--auth-file"}) {
         std::string value;
         size_t n = strlen(name);
         if (w == name) {
@@ -79,8 +82,10 @@ int ctl_take_global(ctl_global_t &g, const std::vector<std::string> &words, size
         }
         if (strcmp(name, "--redis") == 0)
             g.redis = value;
-        else
+        else if (strcmp(name, "--root") == 0)
             setenv("L3VPN_ROOT", value.c_str(), 1);
+        else
+            setenv(TQ_REDIS_AUTH_ENV, value.c_str(), 1);
         return 1;
     }
     return 0;

@@ -66,9 +66,11 @@ int ctl_redis_connect(const std::string &addr, ctl_redis_t &r, std::string &err)
         return -1;
     }
     std::string why;
-    r.c = tq_redis_connect(where, CTL_CONNECT_TIMEOUT_S * 1000, &why);
+    int fail = 0;
+    r.c = tq_redis_connect(where, CTL_CONNECT_TIMEOUT_S * 1000, &why, &fail);
     if (r.c == nullptr) {
-        err = "cannot connect to Redis at " + addr + ": " + why;
+        err = (fail == TQ_REDIS_FAIL_AUTH ? "Redis at " : "cannot connect to Redis at ") + addr +
+              ": " + why;
         return -1;
     }
     timeval rt{CTL_REPLY_TIMEOUT_S, 0};

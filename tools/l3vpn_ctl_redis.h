@@ -36,7 +36,8 @@ constexpr const char *CTL_CAP_KEY = "capability|global";
 
 // The MOM address: the given one, else MOM_REDIS, else 127.0.0.1:6379.
 std::string ctl_redis_addr(const std::string &given);
-// Connects to "unix:/path" or "host:port" ("[v6]:port" too). 0, or -1 with err.
+// Connects to "unix:/path" or "host:port" ("[v6]:port" too), logged in with
+// the credentials of MOM_REDIS_AUTH_FILE when it is set. 0, or -1 with err.
 int ctl_redis_connect(const std::string &addr, ctl_redis_t &r, std::string &err);
 
 // One command; null with err when the connection failed. A Redis error reply

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <signal.h>
@@ -28,6 +29,14 @@ constexpr const char *kZlogLevelFile = "/data/sw_mpls/ce_l3vpn_zlog.dbg";
 constexpr const char *kTblLevelFile = "/data/sw_mpls/ce_l3vpn_tbl.dbg";
 constexpr const char *kClientName = "udp-mpls-l3vpn";
 constexpr int kHamExitAction = 2;
+// The MOM did not take our credentials: a restart cannot help until they are
+// fixed, so the status is not 77 ("lost the store, restart me").
+constexpr int kExitMomAuth = 78;
+
+[[noreturn]] void mom_auth_failed(const char *why) {
+    fprintf(stderr, "ce_mpls_l3vpn: cannot log in to the MOM: %s\n", why);
+    exit(kExitMomAuth);
+}
 
 int lock_pid_file(int fd) {
     struct flock fl;
@@ -94,6 +103,7 @@ int ce_l3vpn_main(void) {
     // A write to a store that went away must end in the loss handling (exit 77
     // with a log line), never in a silent death by signal.
     signal(SIGPIPE, SIG_IGN);
+    tq_redis_set_auth_fail_cb(mom_auth_failed);
     int fd = ce_l3vpn_check_running();
     if (fd < 0) return fd;
 

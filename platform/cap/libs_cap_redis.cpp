@@ -58,9 +58,10 @@ bool open_cmd() {
     cap_redis_t &s = cap();
     if (s.cmd != nullptr) return true;
     if (s.addr.path.empty()) s.addr = tq_redis_addr_from_env();
-    s.cmd = tq_redis_connect(s.addr, TIMEOUT_MS);
+    std::string why = "SELECT failed";
+    s.cmd = tq_redis_connect(s.addr, TIMEOUT_MS, &why);
     if (s.cmd == nullptr || !ok_reply(redisCommand(s.cmd, "SELECT %s", CAP_DB))) {
-        fprintf(stderr, "libs_cap_redis: cannot reach the store\n");
+        fprintf(stderr, "libs_cap_redis: cannot reach the store: %s\n", why.c_str());
         close_cmd();
         return false;
     }

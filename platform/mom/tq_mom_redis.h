@@ -21,15 +21,35 @@ int tq_redis_addr_parse(const std::string &text, tq_redis_addr_t &out);
 // MOM_REDIS; 127.0.0.1:6379 when unset, or when unreadable (said on stderr).
 tq_redis_addr_t tq_redis_addr_from_env(void);
 
-// A blocking connection with a connect and I/O timeout; null when it fails,
-// with the reason in *err when err is given.
+// Credentials: MOM_REDIS_AUTH_FILE names a file holding one line
+// "USER PASSWORD" (a trailing newline allowed), read again at every
+// connection; a file that others (neither its owner nor its group) may read
+// or write is refused. Every connection logs in with AUTH USER PASSWORD before
+// anything else; without the variable no AUTH is sent.
+constexpr const char *TQ_REDIS_AUTH_ENV = "MOM_REDIS_AUTH_FILE";
+// Why a connection failed: the server was not reached, or it did not take
+// this process's credentials (the file cannot be used, AUTH was refused, or
+// the server wants credentials and none are named).
+enum { TQ_REDIS_FAIL_CONN = 1, TQ_REDIS_FAIL_AUTH = 2 };
+// Told of every credentials failure, with the reason as one line. Without
+// one, a failure the caller does not ask about goes to stderr.
+typedef void (*tq_redis_auth_fail_cb_t)(const char *why);
+void tq_redis_set_auth_fail_cb(tq_redis_auth_fail_cb_t cb);
+
+// A blocking connection with a connect and I/O timeout, logged in; null when
+// it fails, with the reason in *err and its kind in *fail when given. Without
+// credentials it sends a PING, so that a server wanting some says so here.
 redisContext *tq_redis_connect(const tq_redis_addr_t &addr, int timeout_ms,
-                               std::string *err = nullptr);
+                               std::string *err = nullptr, int *fail = nullptr);
 // A non-blocking connection driven by `master`; null when it fails at once.
+// AUTH goes first; a refusal frees the connection, which its disconnect
+// callback reports as a connection that failed.
 redisAsyncContext *tq_redis_connect_async(const tq_redis_addr_t &addr, struct event_base *master);
 // Makes sure keyspace notifications carry at least the classes in `need`
 // ("K$hgx"), keeping what the server has already: CONFIG GET, then CONFIG SET
-// of the union when something is missing. 0, or -11 when the server refuses.
+// of the union when something is missing. 0, or -11 when the server refuses
+// (said on stderr with the classes missing: a user without CONFIG SET needs
+// them in the server's configuration).
 int tq_redis_enable_notices(redisContext *c, const char *need);
 // Escapes the glob characters of a key text for MATCH, KEYS and PSUBSCRIBE.
 std::string tq_redis_glob_escape(const std::string &text);

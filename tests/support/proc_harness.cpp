@@ -59,9 +59,23 @@ redis_server_t::redis_server_t(const std::string &dir) : dir_(dir), sock_(dir + 
 
 redis_server_t::~redis_server_t() { stop(); }
 
+void redis_server_t::use_conf(const std::string &conf, const std::vector<std::string> &options) {
+    conf_ = conf;
+    options_ = options;
+}
+
 bool redis_server_t::start() {
     std::string bin = find_redis_server();
     if (bin.empty()) return false;
+    std::vector<std::string> args{bin};
+    if (conf_.empty()) {
+        args.insert(args.end(), {"--port", "0", "--save", "", "--appendonly", "no",
+                                 "--notify-keyspace-events", "K$hgx"});
+    } else {
+        args.push_back(conf_);
+        args.insert(args.end(), options_.begin(), options_.end());
+    }
+    args.insert(args.end(), {"--unixsocket", sock_, "--unixsocketperm", "700", "--dir", dir_});
     pid_ = fork();
     if (pid_ == 0) {
         int fd = open((dir_ + "/redis.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -69,15 +83,17 @@ bool redis_server_t::start() {
             dup2(fd, 1);
             dup2(fd, 2);
         }
-        execl(bin.c_str(), bin.c_str(), "--port", "0", "--unixsocket", sock_.c_str(),
-              "--unixsocketperm", "700", "--save", "", "--appendonly", "no", "--dir", dir_.c_str(),
-              "--notify-keyspace-events", "K$hgx", (char *)nullptr);
+        std::vector<char *> argv;
+        for (std::string &a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        execv(bin.c_str(), argv.data());
         _exit(127);
     }
     return wait_until(
         [&] {
             redis_cli_t cli(sock_);
-            return cli.ok() && cli.command({"PING"}) == "PONG";
+            std::string pong = cli.ok() ? cli.command({"PING"}) : "";
+            return pong == "PONG" || pong.starts_with("NOAUTH");
         },
         5000);
 }
@@ -85,8 +101,9 @@ bool redis_server_t::start() {
 void redis_server_t::stop() {
     if (pid_ <= 0) return;
     {
+        // A server whose default user may not shut it down ends on SIGTERM alike.
         redis_cli_t cli(sock_);
-        if (cli.ok()) cli.command({"SHUTDOWN", "NOSAVE"});
+        if (cli.ok() && cli.command({"SHUTDOWN", "NOSAVE"}) != "(no reply)") ::kill(pid_, SIGTERM);
     }
     bool done = false;
     wait_pid(pid_, 3000, &done);
@@ -226,6 +243,14 @@ redis_cli_t::redis_cli_t(const std::string &sock) {
     }
 }
 
+redis_cli_t::redis_cli_t(const std::string &sock, const std::string &user, const std::string &pass)
+    : redis_cli_t(sock) {
+    if (c_ != nullptr && command({"AUTH", user, pass}) != "OK") {
+        redisFree(c_);
+        c_ = nullptr;
+    }
+}
+
 redis_cli_t::~redis_cli_t() {
     if (c_ != nullptr) redisFree(c_);
 }
@@ -242,18 +267,41 @@ std::string redis_reply_text(const redisReply *r) {
     }
 }
 
-std::string redis_cli_t::command(const std::vector<std::string> &words) {
-    if (c_ == nullptr) return "(no connection)";
+namespace {
+redisReply *run_words(redisContext *c, const std::vector<std::string> &words) {
     std::vector<const char *> argv;
     std::vector<size_t> lens;
     for (const std::string &w : words) {
         argv.push_back(w.data());
         lens.push_back(w.size());
     }
-    auto *r = static_cast<redisReply *>(redisCommandArgv(c_, argv.size(), argv.data(), lens.data()));
+    return static_cast<redisReply *>(redisCommandArgv(c, argv.size(), argv.data(), lens.data()));
+}
+
+void flatten(const redisReply *r, std::vector<std::string> &out) {
+    if (r == nullptr || r->type != REDIS_REPLY_ARRAY) {
+        out.push_back(redis_reply_text(r));
+        return;
+    }
+    for (size_t i = 0; i < r->elements; ++i) flatten(r->element[i], out);
+}
+}  // namespace
+
+std::string redis_cli_t::command(const std::vector<std::string> &words) {
+    if (c_ == nullptr) return "(no connection)";
+    redisReply *r = run_words(c_, words);
     std::string text = redis_reply_text(r);
     if (r != nullptr) freeReplyObject(r);
     return text;
+}
+
+std::vector<std::string> redis_cli_t::command_flat(const std::vector<std::string> &words) {
+    std::vector<std::string> out;
+    if (c_ == nullptr) return out;
+    redisReply *r = run_words(c_, words);
+    flatten(r, out);
+    if (r != nullptr) freeReplyObject(r);
+    return out;
 }
 
 void redis_cli_t::select(int db) { command({"SELECT", std::to_string(db)}); }

@@ -46,14 +46,19 @@ public:
     static bool available();
     explicit redis_server_t(const std::string &dir);
     ~redis_server_t();
-    bool start();          // waits until it answers PING
-    void stop();           // SHUTDOWN NOSAVE, then waits
+    // The next start() runs the server on a configuration file (the shipped
+    // one) with options over it (an ACL file, ...); the socket, its mode and
+    // the folder stay the harness's.
+    void use_conf(const std::string &conf, const std::vector<std::string> &options);
+    bool start();          // waits until it answers PING (or asks for credentials)
+    void stop();           // SHUTDOWN NOSAVE (SIGTERM when it is refused), then waits
     void kill_hard();      // SIGKILL
     const std::string &socket() const { return sock_; }
     std::string mom_redis() const { return "unix:" + sock_; }
 
 private:
-    std::string dir_, sock_;
+    std::string dir_, sock_, conf_;
+    std::vector<std::string> options_;
     pid_t pid_ = -1;
 };
 
@@ -90,6 +95,8 @@ private:
 class redis_cli_t {
 public:
     explicit redis_cli_t(const std::string &sock);
+    // Logged in as user: not ok() when AUTH is refused.
+    redis_cli_t(const std::string &sock, const std::string &user, const std::string &pass);
     ~redis_cli_t();
     bool ok() const { return c_ != nullptr; }
     void select(int db);
@@ -101,6 +108,8 @@ public:
     void flushall();
     // Runs an arbitrary command given as words; returns the reply as text.
     std::string command(const std::vector<std::string> &words);
+    // The same, with every element of a reply made of arrays as text, in order.
+    std::vector<std::string> command_flat(const std::vector<std::string> &words);
     // Subscribed mode: PSUBSCRIBE, then the channel and payload ("channel event")
     // of every message that arrives within wait_ms, or of the first max ones.
     bool psubscribe(const std::string &pattern);
