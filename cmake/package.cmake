@@ -1,7 +1,8 @@
 # The Debian package "l3vpn" (CPack's DEB generator): the daemon in /usr/sbin,
 # l3vpn-ctl in /usr/bin, the systemd units, the MOM's Redis settings in
-# /etc/l3vpn (a conffile), a tmpfiles.d file for the runtime folders and the
-# default log level, the man pages and the Debian doc files.
+# /etc/l3vpn (a conffile), a sysusers.d file for the daemon's user l3vpn, a
+# tmpfiles.d file for the runtime folders, pid file and default log level, the
+# man pages and the Debian doc files.
 # scripts/package.sh builds it (Release, hardened, build-pkg/); `cpack -G DEB`
 # in any configured build dir makes one from that build.
 # The binaries' own install() lines are in app/proc/ and tools/.
@@ -34,10 +35,14 @@ add_custom_target(l3vpn_pkg_files ALL DEPENDS ${pkg_gz})
 # Relative destinations are under the prefix: /usr in the package.
 install(FILES ${pkg_src}/debian/copyright ${pkg_out}/changelog.Debian.gz DESTINATION ${L3VPN_PKG_DOC})
 install(FILES ${pkg_src}/l3vpn.tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME l3vpn.conf)
+install(FILES ${pkg_src}/l3vpn.sysusers.conf DESTINATION lib/sysusers.d RENAME l3vpn.conf)
 install(FILES ${pkg_src}/debian/lintian-overrides DESTINATION share/lintian/overrides RENAME l3vpn)
 install(FILES ${pkg_src}/ce-mpls-l3vpn.service ${pkg_src}/redis-l3vpn-mom.service
   DESTINATION /lib/systemd/system)
 install(FILES ${pkg_src}/redis-l3vpn-mom.conf DESTINATION /etc/l3vpn)
+# The MOM's accounts as shipped: postinst writes /etc/l3vpn/l3vpn-mom.acl from it
+# with the hashes of the passwords it made (so not a conffile).
+install(FILES ${pkg_src}/l3vpn-mom.acl DESTINATION share/l3vpn)
 
 # Control files: the conffile list and the maintainer scripts.
 file(WRITE ${pkg_out}/conffiles "/etc/l3vpn/redis-l3vpn-mom.conf\n")
@@ -64,7 +69,8 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER ${L3VPN_PKG_MAINTAINER})
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS redis-server)
+# adduser: postinst makes the user with it where systemd-sysusers is missing.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "redis-server, adduser")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   ${pkg_out}/conffiles ${pkg_src}/debian/postinst ${pkg_src}/debian/prerm ${pkg_src}/debian/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)

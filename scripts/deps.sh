@@ -3,7 +3,7 @@
 set -euo pipefail
 pkgs=(build-essential cmake ninja-build pkg-config protobuf-c-compiler libprotobuf-c-dev
       libevent-dev libhiredis-dev redis-server nlohmann-json3-dev libgtest-dev
-      clang libclang-rt-14-dev graphviz dpkg-dev lintian curl)
+      clang libclang-rt-14-dev graphviz dpkg-dev lintian curl systemd)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -4,6 +4,7 @@
 // what clients that do not read may hold is bounded (ssat_int.h).
 #include <event2/event.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -39,6 +41,7 @@ constexpr const char *SSAT_LOG_DROP_MORE =
 constexpr const char *SSAT_LOG_PAUSE = "ssat: %s: accept: %s, pausing %d ms (then up to %d ms at a time)\n";
 constexpr const char *SSAT_LOG_RESUME = "ssat: %s: accept: serving again\n";
 constexpr const char *SSAT_LOG_IN_USE = "ssat: %s: %s is in use by another process\n";
+constexpr const char *SSAT_LOG_GROUP = "ssat: %s: debug group %s: %s; the socket stays 0600\n";
 constexpr const char *SSAT_LOG_BAD_MOD = "ssat: %s: no event loop or bad module name\n";
 constexpr const char *SSAT_LOG_LONG_PATH = "ssat: %s: socket path %s does not fit in %zu bytes\n";
 
@@ -339,7 +342,22 @@ bool ssat_sock_in_use(const sockaddr_un &sa) {
     return live;
 }
 
-// Listening socket at mod->path, mode 0600 before it accepts anyone; -1 on failure.
+// With L3VPN_DEBUG_GROUP naming a group (the daemon's own, under its unit),
+// the members of that group may connect too: the socket gets the group and
+// mode 0660. Anything wrong with the group leaves the socket 0600.
+void ssat_share_with_group(const ssat_mod_t &mod) {
+    const char *group = getenv("L3VPN_DEBUG_GROUP");
+    if (group == nullptr || *group == '\0') return;
+    const struct group *gr = getgrnam(group);
+    const char *why = gr == nullptr ? "no such group" : nullptr;
+    if (why == nullptr && (chown(mod.path.c_str(), static_cast<uid_t>(-1), gr->gr_gid) != 0 ||
+                           chmod(mod.path.c_str(), 0660) != 0))
+        why = strerror(errno);
+    if (why != nullptr) fprintf(stderr, SSAT_LOG_GROUP, mod.name.c_str(), group, why);
+}
+
+// Listening socket at mod->path, mode 0600 (or 0660 for the debug group)
+// before it accepts anyone; -1 on failure.
 int ssat_listen(const ssat_mod_t &mod, const sockaddr_un &sa) {
     const char *name = mod.name.c_str();
     if (tq_path_mkparents(mod.path.c_str()) != 0) {
@@ -363,7 +381,10 @@ int ssat_listen(const ssat_mod_t &mod, const sockaddr_un &sa) {
         step = "chmod";
     else if (listen(fd, 16) != 0)
         step = "listen";
-    if (step == nullptr) return fd;
+    if (step == nullptr) {
+        ssat_share_with_group(mod);
+        return fd;
+    }
     ssat_log(name, step);
     close(fd);
     if (strcmp(step, "bind") != 0) unlink(mod.path.c_str());

@@ -2,8 +2,11 @@
 # test_pkg_deb.sh BUILD_DIR: makes the .deb of BUILD_DIR with cpack in a
 # temporary folder and checks it: the files and their modes, the control data,
 # the units' ExecStart, the default log level, stripped binaries, the man pages
-# (rendered without warnings, naming every l3vpn-ctl command), and lintian (no
-# error; skipped with a message when lintian is not installed). Needs no root.
+# (rendered without warnings, naming every l3vpn-ctl command), least privilege
+# (the daemon's user, the sandbox's rating by systemd-analyze, the owners and
+# modes the sysusers and tmpfiles files give) and lintian (no error; skipped
+# with a message when lintian is not installed). Needs no root, but only root
+# can apply the tmpfiles file: without root its lines are read instead.
 set -euo pipefail
 build=$(cd "$1" && pwd)
 tmp=$(mktemp -d)
@@ -27,6 +30,8 @@ done <<'LIST'
 -rw-r--r-- lib/systemd/system/redis-l3vpn-mom.service
 -rw-r--r-- etc/l3vpn/redis-l3vpn-mom.conf
 -rw-r--r-- usr/lib/tmpfiles.d/l3vpn.conf
+-rw-r--r-- usr/lib/sysusers.d/l3vpn.conf
+-rw-r--r-- usr/share/l3vpn/l3vpn-mom.acl
 -rw-r--r-- usr/share/man/man8/ce_mpls_l3vpn.8.gz
 -rw-r--r-- usr/share/man/man8/l3vpn-ctl.8.gz
 -rw-r--r-- usr/share/doc/l3vpn/copyright
@@ -39,7 +44,7 @@ grep -v -e '^drwxr-xr-x root/root ' -e '^-rw-r--r-- root/root ' -e '^-rwxr-xr-x 
 # Control data.
 [ "$(dpkg-deb -f "$deb" Package)" = l3vpn ] || fail "package name"
 depends=$(dpkg-deb -f "$deb" Depends)
-for d in redis-server libc6 libhiredis libevent libprotobuf-c; do
+for d in redis-server adduser libc6 libhiredis libevent libprotobuf-c; do
   [[ $depends == *"$d"* ]] || fail "Depends lacks $d: $depends"
 done
 dpkg-deb -e "$deb" "$tmp/ctl"
@@ -60,6 +65,80 @@ grep -qx 'ExecStart=/usr/sbin/ce_mpls_l3vpn' "$r/lib/systemd/system/ce-mpls-l3vp
 grep -qx 'RuntimeDirectory=ssat' "$r/lib/systemd/system/ce-mpls-l3vpn.service" || fail "RuntimeDirectory=ssat"
 grep -Eq '^f +/data/sw_mpls/ce_l3vpn_zlog.dbg +0644 +root +root +- +2$' "$r/usr/lib/tmpfiles.d/l3vpn.conf" ||
   fail "tmpfiles: default log level 2"
+
+# Least privilege. The units' users: the daemon as l3vpn, its Redis as redis
+# with group l3vpn (so that the socket is redis:l3vpn).
+while read -r unit want; do
+  grep -qx "$want" "$r/lib/systemd/system/$unit" || fail "$unit lacks $want"
+done <<'USERS'
+ce-mpls-l3vpn.service User=l3vpn
+ce-mpls-l3vpn.service Group=l3vpn
+redis-l3vpn-mom.service User=redis
+redis-l3vpn-mom.service Group=l3vpn
+USERS
+unit_d=$r/lib/systemd/system/ce-mpls-l3vpn.service
+unit_r=$r/lib/systemd/system/redis-l3vpn-mom.service
+# The sandbox's rating: at most 2.5 for the daemon, and what the README says.
+rating() {
+  LC_ALL=C.UTF-8 systemd-analyze security --offline=true --no-pager "$1" 2>/dev/null |
+    sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\) \([A-Z]*\).*/\1 \2/p'
+}
+if command -v systemd-analyze >/dev/null; then
+  read -r score word <<<"$(rating "$unit_d")"
+  echo "ce-mpls-l3vpn.service: ${score:-?} ${word:-?}; redis-l3vpn-mom.service: $(rating "$unit_r")"
+  awk -v s="${score:-99}" 'BEGIN { exit !(s <= 2.5) }' || fail "ce-mpls-l3vpn.service rates ${score:-?} ${word:-?}, above 2.5"
+  readme=$(dirname "$0")/../../README.md
+  grep -qF "systemd-analyze security rates the unit $score $word" "$readme" ||
+    fail "README does not say 'systemd-analyze security rates the unit $score $word'"
+else
+  fail "systemd-analyze not found (package systemd): the unit's rating is not checked"
+fi
+# The user: systemd-sysusers on a private root makes l3vpn, a system user with
+# its own group and no login.
+sys=$tmp/sys
+mkdir -p "$sys/etc" "$sys/run"
+systemd-sysusers --root="$sys" - <"$r/usr/lib/sysusers.d/l3vpn.conf" >/dev/null 2>&1 || fail "systemd-sysusers"
+IFS=: read -r _ _ uid gid _ _ shell < <(grep '^l3vpn:' "$sys/etc/passwd" || true)
+[ -n "${uid:-}" ] && [ "$uid" -lt 1000 ] && [ "$shell" = /usr/sbin/nologin ] &&
+  grep -q "^l3vpn:x:$gid:" "$sys/etc/group" || fail "sysusers: no system user l3vpn with group l3vpn and no login"
+# The paths: as root, tmpfiles applied to that root (over a pid file a root
+# daemon left, which it must hand over); else its lines. l3vpn owns exactly
+# what the unit lets the daemon write; no other path is writable but by root.
+tmpf=$r/usr/lib/tmpfiles.d/l3vpn.conf
+applied=0
+if [ "$(id -u)" -eq 0 ]; then
+  install -m 0600 /dev/null "$sys/run/sw.ce.mpls.l3vpn.pid"
+  systemd-tmpfiles --root="$sys" --create - <"$tmpf" || fail "systemd-tmpfiles"
+  applied=1
+else
+  echo "SKIP applying tmpfiles: needs root; its lines are checked"
+fi
+while read -r path mode owner; do
+  if [ $applied -eq 1 ]; then
+    want="${mode#0} $owner"
+    got=$(stat -c '%a %u:%g' "$sys$path" 2>&1 | sed "s/ $uid:$gid$/ l3vpn:l3vpn/;s/ 0:0$/ root:root/")
+  else
+    want="$mode $owner"
+    got=$(awk -v p="$path" '!/^#/ && $2 == p {print $3, $4 ":" $5}' "$tmpf")
+  fi
+  [ "$got" = "$want" ] || fail "tmpfiles: $path is '$got', not '$want'"
+done <<'ROWS'
+/run/sw.ce.mpls.l3vpn.pid 0644 l3vpn:l3vpn
+/run/ssat 0750 l3vpn:l3vpn
+/data/sw_mpls 0755 root:root
+/data/sw_mpls/ce_l3vpn_zlog.dbg 0644 root:root
+/var/sw_mpls 0755 root:root
+/var/sw_mpls/ham 0755 root:root
+ROWS
+rw=$(sed -n 's/^ReadWritePaths=//p' "$unit_d" | tr ' ' '\n' | sort | xargs)
+owned=$(awk '!/^#/ && $4 == "l3vpn" {print $2}' "$tmpf" | sort | xargs)
+[ "$rw" = "$owned" ] || fail "ReadWritePaths '$rw' is not what l3vpn owns: '$owned'"
+if [ $applied -eq 1 ]; then
+  odd=$(find "$sys" -path "$sys/etc" -prune -o \( -perm /022 -o \( ! -user 0 -perm /200 \) \) -print |
+    sed "s#^$sys##" | sort | xargs)
+  [ "$odd" = "$owned" ] || fail "writable by others than root: '$odd', want only '$owned'"
+fi
+
 for b in usr/sbin/ce_mpls_l3vpn usr/bin/l3vpn-ctl; do
   readelf -S "$r/$b" >"$tmp/sections"
   ! grep -qE '\.(symtab|debug_info)' "$tmp/sections" || fail "$b is not stripped"

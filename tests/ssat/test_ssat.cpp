@@ -3,6 +3,7 @@
 #include <event2/event.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <grp.h>
 #include <malloc.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -202,6 +203,31 @@ protected:
     event_base *base_ = nullptr;
     tq_global_t ctx_{};
 };
+
+// The debug group opens the socket to its members (0660, its group); a group
+// that cannot be given leaves it to the owner alone, with a line saying why.
+TEST_F(SsatSock, DebugGroupSharesTheSocketOrLeavesItPrivate) {
+    const struct group *own = getgrgid(getegid());
+    ASSERT_NE(own, nullptr);
+    const struct { std::string group; unsigned mode; const char *said; } cases[] = {
+        {own->gr_name, 0660, ""},
+        {"no-such-group-l3vpn", 0600, "debug group no-such-group-l3vpn: no such group; the socket stays 0600"},
+    };
+    for (const auto &c : cases) {
+        ssat_lib_reset();
+        ASSERT_EQ(ssat_reg_mod_cmd(kMod, "probe", 0, kProbeFmt, probe_cmd), 0);
+        setenv("L3VPN_DEBUG_GROUP", c.group.c_str(), 1);
+        testing::internal::CaptureStderr();
+        ASSERT_EQ(ssat_lib_init(&ctx_, kMod), 0);
+        std::string said = testing::internal::GetCapturedStderr();
+        unsetenv("L3VPN_DEBUG_GROUP");
+        struct stat st{};
+        ASSERT_EQ(stat(sock_path().c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 0777, c.mode) << c.group;
+        EXPECT_EQ(st.st_gid, getegid());
+        EXPECT_NE(said.find(c.said), std::string::npos) << said;
+    }
+}
 
 TEST_F(SsatSock, ArgumentsReachHandlerAndOutputReachesClientWhole) {
     struct stat st{};  // only the owner may talk to the socket
