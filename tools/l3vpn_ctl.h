@@ -34,6 +34,12 @@ int ctl_parse_args(ctl_global_t &g, const std::vector<std::string> &words,
                    const std::vector<ctl_optspec_t> &own, size_t verbatim_after, ctl_args_t &out,
                    std::string &err);
 
+// For a subcommand that takes options only: parses them, answers --help and
+// refuses positionals. -1 when the subcommand goes on, else the status to end with.
+int ctl_parse_opts_only(ctl_global_t &g, const std::vector<std::string> &words,
+                        const std::vector<ctl_optspec_t> &own, const char *name, const char *help,
+                        ctl_args_t &out);
+
 // Subcommands: (global options, words after the subcommand name) -> exit status.
 int ctl_cmd_load(ctl_global_t &g, const std::vector<std::string> &words);
 int ctl_cmd_delete(ctl_global_t &g, const std::vector<std::string> &words);

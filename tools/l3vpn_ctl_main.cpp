@@ -119,6 +119,16 @@ std::string ctl_args_t::value(const std::string &name, const std::string &dflt) 
     return v;
 }
 
+int ctl_parse_opts_only(ctl_global_t &g, const std::vector<std::string> &words,
+                        const std::vector<ctl_optspec_t> &own, const char *name, const char *help,
+                        ctl_args_t &out) {
+    std::string err;
+    if (ctl_parse_args(g, words, own, 0, out, err) != 0) return ctl_fail(name, err, CTL_EXIT_USAGE);
+    if (out.help) return fputs(help, stdout), CTL_EXIT_OK;
+    if (!out.pos.empty()) return ctl_fail(name, "takes no arguments", CTL_EXIT_USAGE);
+    return -1;
+}
+
 int ctl_parse_args(ctl_global_t &g, const std::vector<std::string> &words,
                    const std::vector<ctl_optspec_t> &own, size_t verbatim_after, ctl_args_t &out,
                    std::string &err) {

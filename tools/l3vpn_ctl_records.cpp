@@ -470,10 +470,7 @@ int ctl_cmd_dump(ctl_global_t &g, const std::vector<std::string> &words) {
 
 int ctl_cmd_tables(ctl_global_t &g, const std::vector<std::string> &words) {
     ctl_args_t a;
-    std::string err;
-    if (ctl_parse_args(g, words, {}, 0, a, err) != 0) return ctl_fail("tables", err, CTL_EXIT_USAGE);
-    if (a.help) return fputs(CTL_HELP_TABLES, stdout), CTL_EXIT_OK;
-    if (!a.pos.empty()) return ctl_fail("tables", "takes no arguments", CTL_EXIT_USAGE);
+    if (int st = ctl_parse_opts_only(g, words, {}, "tables", CTL_HELP_TABLES, a); st >= 0) return st;
     printf("%-3s %-3s %-7s %-7s %-6s %s\n", "#", "db", "type", "use", "owner", "table");
     int no = 1;
     for (const ctl_tbl_t &t : ctl_tbl_all()) {

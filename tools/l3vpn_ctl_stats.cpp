@@ -117,11 +117,8 @@ void ctl_print_json(const std::vector<ctl_sample_t> &samples) {
 
 int ctl_cmd_stats(ctl_global_t &g, const std::vector<std::string> &words) {
     ctl_args_t a;
-    std::string err;
-    if (ctl_parse_args(g, words, {{"--json", false}}, 0, a, err) != 0)
-        return ctl_fail("stats", err, CTL_EXIT_USAGE);
-    if (a.help) return fputs(CTL_HELP_STATS, stdout), CTL_EXIT_OK;
-    if (!a.pos.empty()) return ctl_fail("stats", "takes no positional arguments", CTL_EXIT_USAGE);
+    if (int st = ctl_parse_opts_only(g, words, {{"--json", false}}, "stats", CTL_HELP_STATS, a); st >= 0)
+        return st;
     std::string out;
     int rc = ssat_client_request(CTL_DAEMON_MODULE, CTL_STATS_CMD, out, CTL_STATS_TIMEOUT_MS);
     int saved = errno;

@@ -477,11 +477,9 @@ void vfy_print(const std::vector<vfy_diff_t> &diffs, bool daemon, const std::str
 
 int ctl_cmd_verify(ctl_global_t &g, const std::vector<std::string> &words) {
     ctl_args_t a;
+    if (int st = ctl_parse_opts_only(g, words, {{"--json", false}}, "verify", CTL_HELP_VERIFY, a); st >= 0)
+        return st;
     std::string err;
-    if (ctl_parse_args(g, words, {{"--json", false}}, 0, a, err) != 0)
-        return ctl_fail("verify", err, CTL_EXIT_USAGE);
-    if (a.help) return fputs(CTL_HELP_VERIFY, stdout), CTL_EXIT_OK;
-    if (!a.pos.empty()) return ctl_fail("verify", "takes no positional arguments", CTL_EXIT_USAGE);
     ctl_redis_t r;
     ctl_store_t store;
     libs_cap_values_t caps;
