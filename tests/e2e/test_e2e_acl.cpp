@@ -123,6 +123,13 @@ protected:
 TEST_F(e2e_acl_t, EachProgramWorksUnderItsAccountAndCanDoNothingMore) {
     ASSERT_NO_FATAL_FAILURE(start_daemon_as(auth_file(kDaemon), "/root"));
     ASSERT_TRUE(wait_synced()) << daemon_->log();
+    // What the daemon made is its own, and nobody else may write it.
+    for (const char *made : {"/var/run/sw.ce.mpls.l3vpn.pid", "/var/run/ssat/udp-mpls-l3vpn.sock"}) {
+        struct stat st{};
+        ASSERT_EQ(stat((daemon_->root() + made).c_str(), &st), 0) << made;
+        EXPECT_EQ(st.st_uid, geteuid()) << made;
+        EXPECT_EQ(st.st_mode & 0022, 0u) << made;
+    }
     ctl_result_t r = ctl({"load", source("examples/network.jsonl")});
     ASSERT_EQ(r.status, 0) << r.err;
     load(counting_tunnel());
